@@ -1,0 +1,24 @@
+# Options that every target of the project is built with.
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_C_STANDARD 11)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+set(CMAKE_C_VISIBILITY_PRESET hidden)
+set(CMAKE_CXX_VISIBILITY_PRESET hidden)
+set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wformat=2 -Werror)
+# Calls from one exported function to another stay replaceable by a preloaded library, whichever compiler is used.
+add_compile_options(-fsemantic-interposition)
+add_compile_definitions(_GNU_SOURCE)
+add_link_options(-Wl,-z,relro,-z,now -Wl,--as-needed)
+
+if(ZEVOTUNED_SANITIZE)
+  add_compile_options(-fsanitize=${ZEVOTUNED_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${ZEVOTUNED_SANITIZE})
+else()
+  add_compile_options($<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2> -fstack-protector-strong)
+  add_link_options($<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,SHARED_LIBRARY>:-Wl,-z,defs>)
+endif()
