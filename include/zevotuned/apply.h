@@ -1,0 +1,47 @@
+#ifndef ZEVOTUNED_APPLY_H
+#define ZEVOTUNED_APPLY_H
+
+/**
+ * @file
+ * Applying profiles.
+ *
+ * The sections of a profile's file are applied in file order:
+ *
+ * | section      | effect                                                                                               |
+ * |--------------|------------------------------------------------------------------------------------------------------|
+ * | [main]       | applies the profile that key "inherit" names, as TuneApplyProfile does; an empty "inherit" is a name |
+ * |              | too. Values of a section that stands after [main] win over inherited ones, before it they lose.      |
+ * | [sysctl]     | gives each key, a kernel parameter in sysctl notation, its value with /sbin/sysctl -we               |
+ * | others       | are ignored                                                                                          |
+ *
+ * In [sysctl] the ratios "vm.dirty_ratio" and "vm.dirty_background_ratio" become "vm.dirty_bytes" and
+ * "vm.dirty_background_bytes" on machines whose memory is larger than "vm_memory_max" (bytes) in [main] of the same
+ * file: vm_memory_max * ratio / 100, in 64 bits, which wrap. A key that cannot be set is logged and passed over. A key
+ * that the kernel does not know is no failure.
+ *
+ * Any other failure ends the application. What has been written until then stays written; nothing is undone.
+ * Applications at the same moment mix their writes.
+ */
+
+#include <zevotuned/export.h>
+
+/**
+ * Applies the global profiles (TuneApplyGlobalProfile) and then a profile. For every profile that is inherited the global
+ * profiles are applied again before it. Profiles that inherit from each other in a circle recurse until the stack is
+ * exhausted, and so does a global profile that inherits from any profile: check before you call.
+ *
+ * @param szProfile  name of an installed profile.
+ * @return 0; -1 when there is no such profile (nothing has been applied), or on a failure while applying.
+ */
+ZEVOTUNED_API int TuneApplyProfile(const char *szProfile);
+
+/**
+ * Applies every profile file of /usr/zevo/share/zevotuned/global and then of /usr/local/share/zevotuned/global, each
+ * folder in ascending byte order of the file names; "index" does not matter. A folder that is missing holds none.
+ *
+ * @return 0; -1 when a file cannot be read as a profile (nothing has been applied) or at the first one that fails (those
+ *         before it stay applied).
+ */
+ZEVOTUNED_API int TuneApplyGlobalProfile();
+
+#endif

@@ -1,0 +1,142 @@
+#include "utils/apply/driver.h"
+
+#include "support/boundary.h"
+#include "support/check.h"
+#include "support/text_buffer.h"
+#include "utils/apply/section.h"
+#include "utils/apply/sysctl.h"
+#include "utils/profile_catalogue.h"
+#include "utils/profile_file.h"
+
+#include <vunkcore/section_file.h>
+
+#include <string_view>
+
+namespace {
+
+constexpr const char *kGlobalDirs[] = {
+	"/usr/zevo/share/zevotuned/global",
+	"/usr/local/share/zevotuned/global",
+};
+
+// [main]: applies the profile that this one inherits from. Its globals are applied again, and nothing keeps profiles
+// from inheriting in a circle; apply.h tells callers so.
+int ApplyMain(const SectionPlace &place)
+{
+	Hash values;
+	if (!values) {
+		LOG_ERROR("Failed to VUNKCSzHashAlloc().");
+		return -1;
+	}
+	if (ReadProfileSection(place.szPath, place.szSection, values) != 0)
+		return -1;
+	const char *szInherit = values.Get("inherit");
+	if (szInherit != nullptr && TuneApplyProfile(szInherit) != 0) {
+		LOG_ERROR("Failed to apply inherit profile [%s].", szInherit);
+		return -1;
+	}
+	return 0;
+}
+
+struct SectionHandler {
+	std::string_view name;
+	int (*apply)(const SectionPlace &place);
+	void (*logFailure)(const char *szPath);
+};
+
+constexpr SectionHandler kHandlers[] = {
+	{"main", ApplyMain, [](const char *szPath) { LOG_ERROR("Failed to Apply Profile [%s] Main", szPath); }},
+	{"sysctl", TuneApplySysctlSection,
+         [](const char *szPath) { LOG_ERROR("Failed to Apply Profile [%s] Sysctl", szPath); }},
+};
+
+int ApplySection(const SectionPlace &place)
+{
+	for (const SectionHandler &handler : kHandlers) {
+		if (place.szSection != handler.name)
+			continue;
+		if (handler.apply(place) != 0) {
+			handler.logFailure(place.szPath);
+			return -1;
+		}
+		return 0;
+	}
+	return 0; // sections that nobody handles are ignored
+}
+
+int ListGlobalProfiles(std::vector<Profile> &vecProfile)
+{
+	for (const char *szDir : kGlobalDirs) {
+		if (TuneProfileListByDir(szDir, vecProfile) != 0) {
+			LOG_ERROR("Failed to TuneProfileListByDir [%s]", szDir);
+			return -1;
+		}
+	}
+	return 0;
+}
+
+} // namespace
+
+int TuneApplyProfile(const char *szProfile)
+try {
+	CHECK_ARGUMENT(__null != szProfile);
+
+	ConfigPath path;
+	if (TuneGetProfileConfig(szProfile, path.data(), path.capacity()) != 0) {
+		LOG_ERROR("Failed to find the profile [%s].", szProfile);
+		return -1;
+	}
+	if (TuneApplyGlobalProfile() != 0) {
+		LOG_ERROR("Failed to TuneApplyGlobalProfile.");
+		return -1;
+	}
+	if (TuneApplyProfileByPath(path.c_str()) != 0) {
+		LOG_ERROR("Failed to TuneApplyProfileByPath [%s].", path.c_str());
+		return -1;
+	}
+	return 0;
+} catch (const std::exception &) {
+	return FAIL_ON_EXCEPTION;
+}
+
+int TuneApplyGlobalProfile()
+try {
+	std::vector<Profile> profiles;
+	if (ListGlobalProfiles(profiles) != 0) {
+		LOG_ERROR("Failed to TuneGlobalProfileListWithVector");
+		return -1;
+	}
+	for (const Profile &profile : profiles) {
+		if (TuneApplyProfileByPath(profile.path.c_str()) != 0) {
+			LOG_ERROR("Failed to TuneApplyProfileByPath [%s].", profile.path.c_str());
+			return -1;
+		}
+	}
+	return 0;
+} catch (const std::exception &) {
+	return FAIL_ON_EXCEPTION;
+}
+
+int TuneApplyProfileByPath(const char *szProfilePath)
+{
+	CHECK_ARGUMENT(__null != szProfilePath);
+
+	List sections;
+	if (!sections) {
+		LOG_ERROR("Failed to VUNKCSzListAlloc");
+		return -1;
+	}
+	Profile profile;
+	if (TuneLoadProfileByPath(szProfilePath, profile) != 0) {
+		LOG_ERROR("Failed to TuneLoadProfileByPath [%s].", szProfilePath);
+		return -1;
+	}
+	if (VUNKCFileEnumSection(szProfilePath, sections.out()) < 0) {
+		LOG_ERROR("Failed to VUNKCFileEnumSection");
+		return -1;
+	}
+	for (int i = 0; i < sections.Count(); ++i)
+		if (ApplySection({szProfilePath, sections.Get(i), profile}) != 0)
+			return -1;
+	return 0;
+}

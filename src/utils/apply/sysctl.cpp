@@ -1,0 +1,73 @@
+#include "utils/apply/sysctl.h"
+
+#include "support/check.h"
+#include "support/text_buffer.h"
+#include "utils/system_access.h"
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include <sys/sysinfo.h>
+
+namespace {
+
+constexpr std::string_view kDirtyRatio = "vm.dirty_ratio";
+constexpr std::string_view kDirtyBackgroundRatio = "vm.dirty_background_ratio";
+
+using SysctlArgument = TextBuffer<1024>;
+
+void ApplyKey(const char *szKey, const char *szValue, const Profile &profile)
+{
+	if (szKey == kDirtyRatio || szKey == kDirtyBackgroundRatio) {
+		if (TuneApplySysctlVMDirty(szKey, szValue, profile) != 0)
+			LOG_ERROR("Failed to TuneApplySysctlVMDirty.");
+	} else {
+		if (TuneApplyOneSysctl(szKey, szValue) != 0)
+			LOG_ERROR("Failed to TuneApplyOneSysctl.");
+	}
+}
+
+} // namespace
+
+int TuneApplySysctlSection(const SectionPlace &place)
+{
+	Section section;
+	if (section.Read(place) != 0)
+		return -1;
+	for (int i = 0; i < section.Count(); ++i)
+		ApplyKey(section.Key(i), section.Value(i), place.profile);
+	return 0;
+}
+
+int TuneApplyOneSysctl(const char *szKey, const char *szValue)
+{
+	CHECK_ARGUMENT(NULL != szValue);
+
+	return TuneSysctlRun(SysctlArgument("%s=%s", szKey, szValue).c_str());
+}
+
+int TuneApplySysctlVMDirty(const char *szKey, const char *szValue, const Profile &profile)
+{
+	CHECK_ARGUMENT(NULL != szValue);
+
+	const auto memoryMax = profile.main_section.find("vm_memory_max");
+	if (memoryMax == profile.main_section.end())
+		return TuneApplyOneSysctl(szKey, szValue);
+
+	struct sysinfo info;
+	if (sysinfo(&info) != 0) {
+		LOG_ERROR("Failed to get system information, errno=%s", strerror(errno));
+		return -1;
+	}
+	const unsigned long long maxBytes = strtoull(memoryMax->second.c_str(), nullptr, 10);
+	// totalram counts in units of mem_unit, which is 1 on every 64-bit kernel.
+	if (maxBytes >= info.totalram)
+		return TuneApplyOneSysctl(szKey, szValue);
+
+	const auto ratio = static_cast<unsigned long long>(strtol(szValue, nullptr, 10));
+	const unsigned long long dirtyBytes = maxBytes * ratio / 100; // wraps for sizes that no machine has
+	const char *szBytesKey = szKey == kDirtyRatio ? "vm.dirty_bytes" : "vm.dirty_background_bytes";
+	return TuneSysctlRun(SysctlArgument("%s=%llu", szBytesKey, dirtyBytes).c_str());
+}
