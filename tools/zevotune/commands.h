@@ -1,0 +1,20 @@
+#ifndef ZEVOTUNE_COMMANDS_H
+#define ZEVOTUNE_COMMANDS_H
+
+// The commands; help.cpp says for users what they do. All throw Failure.
+
+#include <string>
+
+void List(bool json);
+void Current(bool json);
+void Set(const std::string &name, bool json);
+void Apply(bool json);
+
+void ConfigGet(const std::string &key, bool json);
+void ConfigSet(const std::string &key, const std::string &value, bool force, bool json);
+void ConfigList(bool json);
+
+/// Ends a command that writes, before it touches anything, unless it is run by root.
+void RequireRoot(const std::string &command);
+
+#endif

@@ -1,0 +1,121 @@
+#include "error_text.h"
+
+#include "paths.h"
+
+#include "support/error_codes.h"
+
+#include <vunkcore/error.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+bool Exists(const std::string &path)
+{
+	struct stat status;
+	return lstat(path.c_str(), &status) == 0;
+}
+
+// The error stack has no errno, and the log lines written since have changed it: asked for again.
+std::string OpenText(const std::string &path)
+{
+	if (path == kLockFile)
+		return path + " cannot be opened as a lock file; remove it";
+	const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
+	if (fd >= 0) {
+		close(fd);
+		return path + " could not be opened, but can be by now; try again";
+	}
+	if (errno == EACCES && geteuid() != 0)
+		return path + " can only be read by other users; run zevotune as root (sudo)";
+	return path + " cannot be opened (" + strerror(errno) + "); mend or remove it";
+}
+
+std::string SyntaxText(const std::string &path, int line)
+{
+	const std::string place = line > 0 ? path + ":" + std::to_string(line) : path;
+	if (path == kConfigFile)
+		return place + ": line is neither a pair nor a comment; mend the file";
+	return place + ": line is neither a section, a pair in a section nor a comment; mend or remove the file";
+}
+
+std::string NotCreatedText()
+{
+	// In the order in which the library makes them.
+	for (const std::string path : {kConfigDir, kConfigFile, kLockDir}) {
+		if (Exists(path))
+			continue;
+		const std::string folder = path.substr(0, path.rfind('/'));
+		if (!Exists(folder))
+			return path + " cannot be made, as " + folder + " is missing; make that folder";
+		return path + " cannot be made; see whether the file system of " + folder + " is full or read-only";
+	}
+	return "a file could not be made; try again";
+}
+
+std::string NotDirectoryText()
+{
+	struct stat status;
+	const bool configDir = stat(kConfigDir, &status) == 0 && !S_ISDIR(status.st_mode);
+	return std::string(configDir ? kConfigDir : kLockDir) + " is no folder; move it away";
+}
+
+std::string OtherText(int code, const std::string &file, int line)
+{
+	char text[64];
+	snprintf(text, sizeof(text), "error 0x%04X", static_cast<unsigned>(code));
+	return file.empty() ? text : text + (" at " + file + ":") + std::to_string(line);
+}
+
+} // namespace
+
+void ForgetErrors()
+{
+	VUNKCErrSetEx(VUNKC_ERR_NONE, "", 0);
+}
+
+std::string ErrorText()
+{
+	const int code = VUNKCErrGet();
+	const std::string file = VUNKCErrorGetFile();
+	const int line = VUNKCErrorGetLine();
+	switch (code) {
+	case VUNKC_ERR_NONE:
+		return "the library gives no reason; try again";
+	case VUNKC_ERR_NO_MEMORY:
+		return "memory has run out";
+	case VUNKC_ERR_FILE_MISSING:
+		return file + " has just been removed; try again";
+	case VUNKC_ERR_FILE_OPEN:
+		return OpenText(file);
+	case VUNKC_ERR_FILE_READ:
+		return file + " cannot be read: the disk fails, or it is larger than 256 MiB; mend or remove it";
+	case VUNKC_ERR_FILE_WRITE:
+		return file + " cannot be written; see whether its file system is full or read-only";
+	case VUNKC_ERR_TIMEOUT:
+		return std::string("another program has held the lock ") + kLockFile + " for 5 seconds; try again";
+	case VUNKC_ERR_LOCK:
+		return std::string("the lock ") + kLockFile + " cannot be taken";
+	case VUNKC_ERR_SYNTAX:
+		return SyntaxText(file, line);
+	case VUNKC_ERR_SECTION_MISSING:
+		return file + ": there is no section [main]; add one or remove the file";
+	case VUNKC_ERR_NOT_STORABLE:
+		return std::string(kConfigFile) + " cannot hold it: it has to be one line, and a key without '=', "
+		                                  "blanks at its ends, or '#', ';' or '[' in front";
+	case kErrNotCreated:
+		return NotCreatedText();
+	case kErrNotRegularFile:
+		return std::string(kConfigFile) + " is no regular file; move it away";
+	case kErrNotDirectory:
+		return NotDirectoryText();
+	default:
+		return OtherText(code, file, line);
+	}
+}

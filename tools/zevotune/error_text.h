@@ -1,0 +1,12 @@
+#ifndef ZEVOTUNE_ERROR_TEXT_H
+#define ZEVOTUNE_ERROR_TEXT_H
+
+#include <string>
+
+/// Clears the error stack, so that ErrorText does not tell of an older failure. Call it before a call of the library.
+void ForgetErrors();
+
+/// What made the library's last call fail: on which path, why, and what to do.
+std::string ErrorText();
+
+#endif

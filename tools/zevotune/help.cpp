@@ -1,0 +1,119 @@
+#include "help.h"
+
+#include "config_keys.h"
+
+namespace help {
+
+const char *const kTool =
+	R"help(A profile is a file that says which value each kernel parameter is to have.
+  /usr/zevo/share/zevotuned/profiles    profiles that ship
+  /usr/local/share/zevotuned/profiles   profiles added locally
+  /usr/zevo/share/zevotuned/global      applied before every profile
+  /usr/local/share/zevotuned/global     applied then, before every profile
+A profile is known by the "name" in its section [main], not by its file name.
+One file there that cannot be read as a profile stops all commands that look
+at profiles; the message names the file and the line.
+
+Everybody may list and read; "set", "apply" and "config set" take root (sudo).
+
+Exit status: 0 done; 1 failed, with one line on standard error that says what
+failed, where, why, and what to do; 2 wrong usage. The system's log has the
+details of a failure, and every parameter that the kernel refused:
+  journalctl -t zevotune
+With --json the result is JSON, in which everything but ASCII is escaped;
+failures remain a line on standard error.)help";
+
+const char *const kList =
+	R"help(One line for each profile, by ascending index:
+  *       the selected profile; no line has it when the selection cannot be
+          read (without root: when nobody has read it as root since the boot)
+          or names a profile that is not installed
+  INDEX   key "index", -1 when there is none
+  NAME    key "name"; what "set" takes
+  TITLE   key of the title's translations, if there is one
+  FILE    the file; with "(hidden by FILE)" when another profile of the same
+          name comes first: only that one is ever used
+Nothing is made or changed but, as root, the lock file of the configuration.
+
+--json: an array of objects with
+  name, title, description, path   strings, "" for a missing key
+  index                            number
+  inherit                          the name that it inherits from, or null
+  ui                               true: meant to be offered to users
+  selected                         true or false; null: cannot be read
+  shadowed_by                      path of the profile that hides it, only
+                                   where there is one)help";
+
+const char *const kCurrent =
+	R"help(Prints the name of the selected profile, as it is recorded in
+/usr/zevo/etc/zevotuned/config; whether it is installed is not looked at.
+As root, a missing configuration is made: performance_throughput is selected
+then. Without root nothing is made, and it fails where the configuration or
+its lock file /run/lock/zevotuned/config.lock is missing.
+
+--json: {"profile": NAME})help";
+
+const char *const kSet =
+	R"help(Records the profile as the selected one and applies it: first the global
+profiles, then those that it inherits from, then its own parameters. It stays
+selected over a boot, but its values do not: "zevotune apply" at every boot
+brings them back.
+
+Nothing is touched when there is no such profile, when a profile that is
+inherited is missing, or when inheritance goes round in a circle. A parameter
+that the kernel does not know is passed over, one that it refuses is logged
+and passed over. After any other failure half-way, what has been applied until
+then stays; "zevotune apply" tries again.
+
+Takes root.
+
+--json: {"profile": NAME, "path": FILE})help";
+
+const char *const kApply =
+	R"help(Applies the selected profile again, for example after a boot or after its file
+was changed, with the same checks as "set". As root, a missing configuration is
+made: performance_throughput is selected then.
+
+Takes root.
+
+--json: {"profile": NAME, "path": FILE})help";
+
+const char *const kConfig =
+	R"help(The configuration is the file /usr/zevo/etc/zevotuned/config.
+"zevotune config set --help" lists the keys.)help";
+
+const char *const kConfigGet =
+	R"help(Prints the value of a key as it is. As root, a missing configuration is made,
+and keys that it lacks are added with their defaults; without root, nothing is
+made, and such keys are shown with their defaults.
+
+--json: {"key": KEY, "value": VALUE}; the value is a string always)help";
+
+const char *const kConfigList =
+	R"help(Prints all keys with their values, in the order of the file. As root, a missing
+configuration is made, and keys that it lacks are added with their defaults;
+without root, nothing is made, and such keys are shown with their defaults.
+
+--json: {KEY: VALUE, ...}; values are strings always)help";
+
+std::string ConfigSet()
+{
+	std::string text = "Keys:\n";
+	for (const ConfigKey &key : ConfigKeys()) {
+		text += std::string("  ") + key.name + " (default: " + key.defaultValue + ")\n";
+		text += std::string("      ") + key.values + '\n';
+	}
+	return text +
+	       R"help(Setting "profile" only records the name; "zevotune apply" applies it.
+
+Refused unless --force is given: a key that is neither one of these nor in the
+file already, so that a misspelt one does not go unnoticed; a value that makes
+no sense for its key; a profile that is not installed.
+A value that begins with '-' goes behind "--".
+
+Takes root.
+
+--json: {"key": KEY, "value": VALUE})help";
+}
+
+} // namespace help

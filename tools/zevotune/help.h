@@ -1,0 +1,23 @@
+#ifndef ZEVOTUNE_HELP_H
+#define ZEVOTUNE_HELP_H
+
+// The user's manual.
+
+#include <string>
+
+namespace help {
+
+extern const char *const kTool;
+extern const char *const kList;
+extern const char *const kCurrent;
+extern const char *const kSet;
+extern const char *const kApply;
+extern const char *const kConfig;
+extern const char *const kConfigGet;
+extern const char *const kConfigList;
+
+std::string ConfigSet();
+
+} // namespace help
+
+#endif

@@ -1,0 +1,151 @@
+#include "catalogue_check.h"
+#include "commands.h"
+#include "failure.h"
+#include "help.h"
+#include "output.h"
+
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <functional>
+#include <new>
+#include <string>
+#include <vector>
+
+#include <syslog.h>
+
+namespace {
+
+constexpr int kFailed = 1;
+constexpr int kWrongUsage = 2;
+
+/// What was asked for on the command line.
+struct Request {
+	bool json = false;
+	bool force = false;
+	std::string name;
+	std::string key;
+	std::string value;
+	std::function<void()> command;
+};
+
+void AddJson(CLI::App &app, Request &request)
+{
+	app.add_flag("--json", request.json, "print the result as JSON");
+}
+
+CLI::App &AddCommand(CLI::App &parent, Request &request, const char *name, const char *summary,
+                     const std::string &manual)
+{
+	CLI::App &command = *parent.add_subcommand(name, summary);
+	command.footer(manual);
+	AddJson(command, request);
+	return command;
+}
+
+void Run(CLI::App &app, Request &request, std::function<void()> command)
+{
+	app.callback([&request, command = std::move(command)] { request.command = command; });
+}
+
+void AddConfigCommands(CLI::App &tool, Request &request)
+{
+	CLI::App &config = AddCommand(tool, request, "config", "read or change the configuration", help::kConfig);
+	config.require_subcommand(1);
+
+	CLI::App &get = AddCommand(config, request, "get", "print the value of a key", help::kConfigGet);
+	get.add_option("KEY", request.key, "the key")->required();
+	Run(get, request, [&request] { ConfigGet(request.key, request.json); });
+
+	CLI::App &set = AddCommand(config, request, "set", "set a key to a value", help::ConfigSet());
+	set.add_option("KEY", request.key, "the key")->required();
+	set.add_option("VALUE", request.value, "its new value")->required();
+	set.add_flag("--force", request.force, "set it whatever it is");
+	Run(set, request, [&request] { ConfigSet(request.key, request.value, request.force, request.json); });
+
+	CLI::App &list = AddCommand(config, request, "list", "print all keys and values", help::kConfigList);
+	Run(list, request, [&request] { ConfigList(request.json); });
+}
+
+void AddCommands(CLI::App &tool, Request &request)
+{
+	tool.get_formatter()->label("REQUIRED", "");
+	tool.get_formatter()->label("TEXT", "");
+	tool.set_help_flag("-h,--help", "print this help");
+	tool.set_version_flag("--version", "zevotune " ZEVOTUNE_VERSION, "print the version");
+	tool.footer(help::kTool);
+	tool.require_subcommand(1);
+	AddJson(tool, request);
+
+	CLI::App &list = AddCommand(tool, request, "list", "list the installed profiles", help::kList);
+	Run(list, request, [&request] { List(request.json); });
+
+	CLI::App &current = AddCommand(tool, request, "current", "print the selected profile's name", help::kCurrent);
+	Run(current, request, [&request] { Current(request.json); });
+
+	CLI::App &set = AddCommand(tool, request, "set", "select a profile and apply it", help::kSet);
+	set.add_option("NAME", request.name, "name of an installed profile")->required();
+	Run(set, request, [&request] { Set(request.name, request.json); });
+
+	CLI::App &apply = AddCommand(tool, request, "apply", "apply the selected profile again", help::kApply);
+	Run(apply, request, [&request] { Apply(request.json); });
+
+	AddConfigCommands(tool, request);
+}
+
+void ComplainOfUsage(const CLI::App &tool, const CLI::ParseError &error)
+{
+	// The command that the words before the mistake name, such as "zevotune config set".
+	const CLI::App *command = &tool;
+	std::string fullName = tool.get_name();
+	while (!command->get_subcommands().empty()) {
+		command = command->get_subcommands().front();
+		fullName += ' ' + command->get_name();
+	}
+
+	std::vector<std::string> subcommands;
+	for (const CLI::App *subcommand : command->get_subcommands([](const CLI::App *) { return true; }))
+		subcommands.push_back(subcommand->get_name());
+	const std::vector<std::string> words = command->remaining();
+	if (!words.empty() && words.front().starts_with('-'))
+		Complain("there is no option " + Quoted(words.front()));
+	else if (!words.empty() && !subcommands.empty())
+		Complain("there is no command " + Quoted(words.front()) + DidYouMean(words.front(), subcommands, ""));
+	else
+		Complain(error.what());
+	fprintf(stderr, "Run \"%s --help\" for more information.\n", fullName.c_str());
+}
+
+int RunCommand(const std::function<void()> &command)
+{
+	try {
+		command();
+		FlushOutput();
+		return 0;
+	} catch (const Failure &failure) {
+		Complain(failure.what());
+	} catch (const std::bad_alloc &) {
+		Complain("memory has run out");
+	}
+	return kFailed;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+	openlog("zevotune", LOG_PID, LOG_USER);
+
+	Request request;
+	CLI::App tool("Selects and applies performance profiles of the storage stack.", "zevotune");
+	AddCommands(tool, request);
+	try {
+		tool.parse(argc, argv);
+	} catch (const CLI::Success &asked) {
+		return RunCommand([&] { tool.exit(asked); });
+	} catch (const CLI::ParseError &error) {
+		ComplainOfUsage(tool, error);
+		return kWrongUsage;
+	}
+	return RunCommand(request.command);
+}

@@ -1,0 +1,92 @@
+#include "output.h"
+
+#include "failure.h"
+
+#include <json/writer.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+// In characters of UTF-8, all of them taken to be one column wide.
+size_t Width(const std::string &text)
+{
+	return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xC0) != 0x80; }));
+}
+
+} // namespace
+
+void Table::Add(std::vector<std::string> cells)
+{
+	for (std::string &cell : cells)
+		cell = Printable(cell);
+	rows.push_back(std::move(cells));
+}
+
+std::string Table::Text() const
+{
+	std::vector<size_t> widths(rows[0].size());
+	for (const auto &cells : rows)
+		for (size_t i = 0; i < widths.size(); ++i)
+			widths[i] = std::max(widths[i], Width(cells[i]));
+
+	std::string text;
+	for (const auto &cells : rows) {
+		std::string line;
+		for (size_t i = 0; i < widths.size(); ++i)
+			line += cells[i] + std::string(widths[i] - Width(cells[i]) + 2, ' ');
+		line.erase(line.find_last_not_of(' ') + 1);
+		text += line + '\n';
+	}
+	return text;
+}
+
+std::string Printable(std::string_view text)
+{
+	std::string printable;
+	for (const char c : text) {
+		if (static_cast<unsigned char>(c) >= 0x20 && c != 0x7F) {
+			printable += c;
+			continue;
+		}
+		char escape[8];
+		snprintf(escape, sizeof(escape), "\\x%02X", static_cast<unsigned>(c));
+		printable += escape;
+	}
+	return printable;
+}
+
+void Print(std::string_view text)
+{
+	fwrite(text.data(), 1, text.size(), stdout);
+}
+
+void PrintLine(std::string_view text)
+{
+	Print(std::string(text) + '\n');
+}
+
+void PrintJson(const Json::Value &value)
+{
+	// Everything but ASCII is escaped, so that names which are not UTF-8 do not spoil the text for its readers.
+	Json::StreamWriterBuilder writer;
+	writer["indentation"] = "  ";
+	writer["enableYAMLCompatibility"] = true; // "key": value
+	PrintLine(Json::writeString(writer, value));
+}
+
+void FlushOutput()
+{
+	// Whichever write failed, the next one tells the reason.
+	if (fflush(stdout) != 0 || ferror(stdout) != 0)
+		throw Failure(std::string("cannot write to standard output (") + strerror(errno) + ")");
+}
+
+void Complain(std::string_view text)
+{
+	const std::string line = "zevotune: " + Printable(text) + '\n';
+	fwrite(line.data(), 1, line.size(), stderr);
+}

@@ -1,0 +1,37 @@
+#ifndef ZEVOTUNE_OUTPUT_H
+#define ZEVOTUNE_OUTPUT_H
+
+#include <json/value.h>
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// Rows of cells in columns as wide as their widest cell.
+class Table {
+public:
+	explicit Table(std::vector<std::string> header) { Add(std::move(header)); }
+
+	/// As many cells as the header has.
+	void Add(std::vector<std::string> cells);
+	std::string Text() const;
+
+private:
+	std::vector<std::vector<std::string>> rows;
+};
+
+/// The text with control characters as "\x1B": it stays one line and does nothing to a terminal.
+std::string Printable(std::string_view text);
+
+/// Standard output. Failures show at the end, in FlushOutput.
+void Print(std::string_view text);
+void PrintLine(std::string_view text);
+void PrintJson(const Json::Value &value);
+
+/// Throws Failure when not all of the output could be written.
+void FlushOutput();
+
+/// One line on standard error, "zevotune: ...".
+void Complain(std::string_view text);
+
+#endif
