@@ -1,0 +1,290 @@
+#include "kit/faults.h"
+
+#include "kit/nth_call.h"
+
+#include <vunkcore/vunkcore.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdlib>
+#include <optional>
+#include <stdexcept>
+#include <string_view>
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysinfo.h>
+
+namespace {
+
+struct Armed {
+	std::string function;
+	int countdown;
+	int error;
+	bool struck;
+};
+
+struct ArmedPath {
+	std::string function;
+	std::string path;
+	int error;
+	int calls;
+};
+
+struct Recorder {
+	bool run;
+	std::vector<std::string> lines = {};
+};
+
+std::optional<Armed> armed;
+std::optional<ArmedPath> armedPath;
+std::optional<Recorder> recorder;
+std::optional<struct sysinfo> memory;
+
+template <class State, class... Values>
+void Set(std::optional<State> &state, Values... values)
+{
+	if (state.has_value())
+		throw std::logic_error("one at a time");
+	state = State{values...};
+}
+
+bool Strikes(kit::Calls calls, const char *function, bool changesState = false)
+{
+	if (kit::IsNth(calls, function, changesState)) {
+		errno = EIO;
+		return true;
+	}
+	if (!armed.has_value() || armed->function != function || armed->struck || --armed->countdown > 0)
+		return false;
+	armed->struck = true;
+	errno = armed->error;
+	return true;
+}
+
+bool StrikesPath(const char *function, const char *path, bool changesState = false)
+{
+	if (Strikes(kit::Calls::System, function, changesState))
+		return true;
+	if (!armedPath.has_value() || armedPath->function != function || armedPath->path != path)
+		return false;
+	++armedPath->calls;
+	errno = armedPath->error;
+	return true;
+}
+
+template <class T>
+T Failing(T result)
+{
+	VUNKCErrSetEx(kit::kFaultCode, "fault", 1);
+	return result;
+}
+
+template <class Function>
+Function *Real(const char *name)
+{
+	void *symbol = dlsym(RTLD_NEXT, name);
+	if (symbol == nullptr)
+		abort();
+	return reinterpret_cast<Function *>(symbol);
+}
+
+} // namespace
+
+// The body of a function that fails when its turn has come and is the real one otherwise.
+#define PASS_ON(failure, function, ...)                                       \
+	do {                                                                  \
+		static const auto real = Real<decltype(function)>(#function); \
+		if (Strikes(kit::Calls::Platform, #function))                 \
+			return Failing(failure);                              \
+		return real(__VA_ARGS__);                                     \
+	} while (false)
+
+extern "C" {
+
+VUNKSZHASH *VUNKCSzHashAlloc(int cb)
+{
+	PASS_ON(static_cast<VUNKSZHASH *>(nullptr), VUNKCSzHashAlloc, cb);
+}
+
+const char *VUNKCSzHashGetValue(const VUNKSZHASH *psh, const char *szKey)
+{
+	PASS_ON(static_cast<const char *>(nullptr), VUNKCSzHashGetValue, psh, szKey);
+}
+
+int VUNKCSzHashSetValue(VUNKSZHASH **ppsh, const char *szKey, const char *szValue)
+{
+	PASS_ON(-1, VUNKCSzHashSetValue, ppsh, szKey, szValue);
+}
+
+int VUNKCSzHashEnumKey(const VUNKSZHASH *psh, VUNKSZLIST **ppsl)
+{
+	PASS_ON(-1, VUNKCSzHashEnumKey, psh, ppsl);
+}
+
+VUNKSZLIST *VUNKCSzListAlloc(int cb)
+{
+	PASS_ON(static_cast<VUNKSZLIST *>(nullptr), VUNKCSzListAlloc, cb);
+}
+
+int VUNKCSzListPush(VUNKSZLIST **ppsl, const char *sz)
+{
+	PASS_ON(-1, VUNKCSzListPush, ppsl, sz);
+}
+
+int VUNKCFileGetPair(const char *szPath, VUNKSZHASH **ppsh)
+{
+	PASS_ON(-1, VUNKCFileGetPair, szPath, ppsh);
+}
+
+int VUNKCFileSetPair(const char *szPath, const VUNKSZHASH *psh, int iFlags)
+{
+	PASS_ON(-1, VUNKCFileSetPair, szPath, psh, iFlags);
+}
+
+int VUNKCFileGetSection(const char *szPath, const char *szSection, VUNKSZHASH **ppsh)
+{
+	PASS_ON(-1, VUNKCFileGetSection, szPath, szSection, ppsh);
+}
+
+int VUNKCFileEnumSection(const char *szPath, VUNKSZLIST **ppsl)
+{
+	PASS_ON(-1, VUNKCFileEnumSection, szPath, ppsl);
+}
+
+int VUNKCFileEnumDir(const char *szDir, const char *szFilter, VUNKSZLIST **ppsl, int iFlags)
+{
+	PASS_ON(-1, VUNKCFileEnumDir, szDir, szFilter, ppsl, iFlags);
+}
+
+int VUNKCFileLockTimeByFile(const char *szPath, BOOL blExclusive, int iTimeout, int *pfd)
+{
+	PASS_ON(0, VUNKCFileLockTimeByFile, szPath, blExclusive, iTimeout, pfd);
+}
+
+int VUNKCFileUnlockByFile(int fd)
+{
+	static const auto real = Real<decltype(VUNKCFileUnlockByFile)>("VUNKCFileUnlockByFile");
+	const int result = real(fd);
+	return Strikes(kit::Calls::Platform, "VUNKCFileUnlockByFile") ? Failing(0) : result;
+}
+
+ssize_t VUNKCWrite(int fd, const void *pBuf, size_t cb)
+{
+	PASS_ON(static_cast<ssize_t>(-1), VUNKCWrite, fd, pBuf, cb);
+}
+
+int VUNKCExec(const char *szProgram, const char *szArg1, const char *szArg2, const char *szArg3, const char *szArg4)
+{
+	if (recorder.has_value()) {
+		std::string line = szProgram;
+		for (const char *szArg : {szArg1, szArg2, szArg3, szArg4}) {
+			if (szArg == nullptr)
+				break;
+			line = line + " " + szArg;
+		}
+		recorder->lines.push_back(line);
+	}
+	if (recorder.has_value() && !recorder->run)
+		return Strikes(kit::Calls::Platform, "VUNKCExec") ? Failing(-1) : 0;
+	PASS_ON(-1, VUNKCExec, szProgram, szArg1, szArg2, szArg3, szArg4);
+}
+
+int stat(const char *path, struct stat *status)
+{
+	static const auto real = Real<int(const char *, struct stat *)>("stat");
+	return StrikesPath("stat", path) ? -1 : real(path, status);
+}
+
+int mkdir(const char *path, mode_t mode)
+{
+	static const auto real = Real<int(const char *, mode_t)>("mkdir");
+	return StrikesPath("mkdir", path, true) ? -1 : real(path, mode);
+}
+
+int open(const char *path, int flags, ...)
+{
+	mode_t mode = 0;
+	if ((flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE) {
+		va_list values;
+		va_start(values, flags);
+		mode = va_arg(values, mode_t);
+		va_end(values);
+	}
+	static const auto real = Real<int(const char *, int, ...)>("open");
+	return StrikesPath("open", path, (flags & O_ACCMODE) != O_RDONLY || (flags & O_CREAT) != 0)
+	               ? -1
+	               : real(path, flags, mode);
+}
+
+int sysinfo(struct sysinfo *info)
+{
+	static const auto real = Real<int(struct sysinfo *)>("sysinfo");
+	if (Strikes(kit::Calls::System, "sysinfo"))
+		return -1;
+	if (memory.has_value()) {
+		*info = *memory;
+		return 0;
+	}
+	return real(info);
+}
+
+} // extern "C"
+
+namespace kit {
+
+Fault::Fault(const std::string &function, int nth, int error)
+{
+	Set(armed, function, nth, error, false);
+}
+Fault::~Fault()
+{
+	armed.reset();
+}
+bool Fault::Struck() const
+{
+	return armed->struck;
+}
+
+PathFault::PathFault(const std::string &function, const std::string &path, int error)
+{
+	Set(armedPath, function, path, error, 0);
+}
+PathFault::~PathFault()
+{
+	armedPath.reset();
+}
+int PathFault::Calls() const
+{
+	return armedPath->calls;
+}
+
+Programs::Programs(bool run)
+{
+	Set(recorder, run);
+}
+Programs::~Programs()
+{
+	recorder.reset();
+}
+const std::vector<std::string> &Programs::Lines() const
+{
+	return recorder->lines;
+}
+
+Memory::Memory(unsigned long totalram, unsigned unitBytes)
+{
+	struct sysinfo info = {};
+	info.totalram = totalram;
+	info.mem_unit = unitBytes;
+	if (memory.has_value())
+		throw std::logic_error("one at a time");
+	memory = info;
+}
+Memory::~Memory()
+{
+	memory.reset();
+}
+
+} // namespace kit

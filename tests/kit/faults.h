@@ -1,0 +1,66 @@
+#ifndef TESTS_KIT_FAULTS_H
+#define TESTS_KIT_FAULTS_H
+
+// Failing calls of the platform and of the C library. The test program's own definitions stand before the real ones, so
+// this works on the shipped libraries; while nothing is armed, every call goes through to the real function.
+
+#include <string>
+#include <vector>
+
+namespace kit {
+
+/// The code that a failing VUNKC call leaves on the error stack, with "fault" and line 1.
+inline constexpr int kFaultCode = 0xFA17;
+
+/// While the object lives, the nth call of a function from now on fails, once. Objects do not nest.
+///
+/// Functions: VUNKCSzHashAlloc VUNKCSzHashGetValue VUNKCSzHashSetValue VUNKCSzHashEnumKey VUNKCSzListAlloc
+/// VUNKCSzListPush VUNKCFileGetPair VUNKCFileSetPair VUNKCFileGetSection VUNKCFileEnumSection VUNKCFileEnumDir
+/// VUNKCFileLockTimeByFile VUNKCFileUnlockByFile (which unlocks all the same) VUNKCWrite VUNKCExec; stat mkdir open
+/// sysinfo, with a given errno.
+class Fault {
+public:
+	explicit Fault(const std::string &function, int nth = 1, int error = 5 /* EIO */);
+	~Fault();
+	Fault(const Fault &) = delete;
+	Fault &operator=(const Fault &) = delete;
+
+	/// Whether the call was made, and failed.
+	bool Struck() const;
+};
+
+/// As Fault, for calls of stat, mkdir and open on one path only; every such call fails.
+class PathFault {
+public:
+	PathFault(const std::string &function, const std::string &path, int error);
+	~PathFault();
+	PathFault(const PathFault &) = delete;
+	PathFault &operator=(const PathFault &) = delete;
+
+	int Calls() const;
+};
+
+/// While the object lives, programs that VUNKCExec is asked to run are written down: "/sbin/sysctl -we vm.swappiness=10".
+/// With `run` they are run as well, otherwise they count as successful. Objects do not nest.
+class Programs {
+public:
+	explicit Programs(bool run = false);
+	~Programs();
+	Programs(const Programs &) = delete;
+	Programs &operator=(const Programs &) = delete;
+
+	const std::vector<std::string> &Lines() const;
+};
+
+/// While the object lives, sysinfo reports this much memory, counted in units of unitBytes.
+class Memory {
+public:
+	explicit Memory(unsigned long totalram, unsigned unitBytes = 1);
+	~Memory();
+	Memory(const Memory &) = delete;
+	Memory &operator=(const Memory &) = delete;
+};
+
+} // namespace kit
+
+#endif

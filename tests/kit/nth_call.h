@@ -1,0 +1,44 @@
+#ifndef TESTS_KIT_NTH_CALL_H
+#define TESTS_KIT_NTH_CALL_H
+
+#include <string>
+
+namespace kit {
+
+enum class Calls {
+	Platform, // calls of the platform's libraries
+	System,   // system calls, by the C library's functions, of the library and of the platform's libraries
+};
+
+/// While the object lives, the nth call of a kind fails (n from 1), or, with `Kill`, is the last thing that the process
+/// does not do. Objects do not nest.
+class NthCall {
+public:
+	enum Effect { Fail, Kill };
+
+	NthCall(Calls calls, int n, Effect effect = Fail);
+	~NthCall();
+	NthCall(const NthCall &) = delete;
+	NthCall &operator=(const NthCall &) = delete;
+
+	/// Whether the nth call was made, and which function it was.
+	bool Struck() const;
+	const std::string &Function() const;
+};
+
+/// What an interposed function asks first: whether it is to fail now. The function of a system call that changes nothing
+/// is passed over where calls are counted for killing.
+bool IsNth(Calls calls, const char *function, bool changesState = false);
+
+/// While it lives, the thread's own calls do not count: the kit's, from within an interposed function.
+class Uncounted {
+public:
+	Uncounted();
+	~Uncounted();
+	Uncounted(const Uncounted &) = delete;
+	Uncounted &operator=(const Uncounted &) = delete;
+};
+
+} // namespace kit
+
+#endif

@@ -1,0 +1,153 @@
+// Every call that writes a file, killed at each of its system calls that change anything: the file is the old one or the
+// new one, and the same call made again does what it would have done at first.
+//
+// ZEVOTUNED_SWEEP_AT=7 runs one position only.
+
+#include "sweep/scenario.h"
+
+#include "kit/files.h"
+#include "kit/journal.h"
+#include "kit/lab.h"
+#include "kit/nth_call.h"
+
+#include <vunkcore/vunkcore.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <memory>
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string kSections = "/run/zevotuned/sections";
+const std::string kPairs = "/run/zevotuned/pairs";
+
+std::unique_ptr<VUNKSZHASH, decltype(&VUNKCSzHashFree)> pairs(nullptr, VUNKCSzHashFree);
+
+void WithFiles()
+{
+	VUNKSZHASH *hash = VUNKCSzHashAlloc(64);
+	VUNKCSzHashSetValue(&hash, "status", "1");
+	pairs.reset(hash);
+	kit::WriteFile(kSections,
+	               "[config]\nstatus=\"1\"\n[1048576]\nstatus=\"0\"\nsize=\"4096\"\n[2097152]\nstatus=\"1\"\n");
+	kit::WriteFile(kPairs, "pid=\"1\"\ntotal=\"3\"\ncurrent=\"2\"\n");
+}
+
+/// The core library's writers, and the library's that go to the configuration.
+std::vector<Scenario> Writers()
+{
+	std::vector<Scenario> scenarios = {
+		{"section_add", WithFiles, [] { return VUNKCFileAddSection(kSections.c_str(), "4096", pairs.get()); },
+	         1},
+		{"section_modify", WithFiles,
+	         [] { return VUNKCIFileModifySection(kSections.c_str(), "1048576", nullptr, pairs.get(), 1, 0); }, 1},
+		{"section_remove", WithFiles, [] { return VUNKCFileRemoveSection(kSections.c_str(), "1048576"); }, 1},
+		{"pairs", WithFiles, [] { return VUNKCFileSetPair(kPairs.c_str(), pairs.get(), 0); }, 0},
+	};
+	for (const Scenario &scenario : ProfileScenarios())
+		if (scenario.name.starts_with("config_") || scenario.name.starts_with("write_") ||
+		    scenario.name.starts_with("find_config"))
+			scenarios.push_back(scenario);
+	return scenarios;
+}
+
+using Files = std::map<std::string, std::string>;
+
+/// The files that are written, without those that a writer killed half-way may leave beside them.
+Files Written()
+{
+	Files files;
+	for (const char *dir : {"/usr/zevo/etc/zevotuned", "/run/zevotuned"}) {
+		if (!fs::exists(dir))
+			continue;
+		for (const auto &entry : fs::directory_iterator(dir))
+			if (!entry.path().filename().string().starts_with('.'))
+				files[entry.path()] = kit::ReadFile(entry.path());
+	}
+	return files;
+}
+
+class Crash : public kit::LabTest, public testing::WithParamInterface<Scenario> {
+protected:
+	void Prepare()
+	{
+		kit::FreshMachine();
+		GetParam().prepare();
+	}
+
+	/// Runs the call in a child that is killed at its nth change. False when the child got to its end.
+	bool KilledAt(int n)
+	{
+		const pid_t child = fork();
+		if (child == 0) {
+			const kit::NthCall nth(kit::Calls::System, n, kit::NthCall::Kill);
+			_exit(GetParam().call() == GetParam().result ? 0 : 1);
+		}
+		int status = 0;
+		EXPECT_EQ(waitpid(child, &status, 0), child);
+		if (WIFSIGNALED(status)) {
+			EXPECT_EQ(WTERMSIG(status), SIGKILL);
+			return true;
+		}
+		EXPECT_EQ(status, 0);
+		return false;
+	}
+};
+
+TEST_P(Crash, LeavesTheOldFileOrTheNew)
+{
+	const kit::Journal journal;
+	Prepare();
+	const Files before = Written();
+	ASSERT_EQ(GetParam().call(), GetParam().result);
+	const Files done = Written();
+
+	const char *only = getenv("ZEVOTUNED_SWEEP_AT");
+	int n = only != nullptr ? atoi(only) : 1;
+	for (;; ++n) {
+		SCOPED_TRACE(GetParam().name + ", killed at change " + std::to_string(n));
+		ASSERT_LT(n, 200);
+		Prepare();
+		const bool killed = KilledAt(n);
+		const Files after = Written();
+		if (!killed) {
+			EXPECT_EQ(after, done);
+			break;
+		}
+		for (const auto &[path, text] : after) {
+			const bool old = before.contains(path) && before.at(path) == text;
+			const bool now = done.contains(path) && done.at(path) == text;
+			// A configuration that was not there is made empty first, and filled as a whole.
+			EXPECT_TRUE(old || now || (text.empty() && !before.contains(path))) << path << ":\n" << text;
+		}
+		for (const auto &[path, text] : before)
+			EXPECT_TRUE(after.contains(path)) << path << " is gone";
+
+		// Adding and removing a section say 0 when it has been done already.
+		const int again = GetParam().call();
+		EXPECT_TRUE(again == GetParam().result ||
+		            (GetParam().name.starts_with("section_") && again == 0 && after == done))
+			<< again;
+		EXPECT_EQ(Written(), done);
+		if (again == GetParam().result && GetParam().name != "find_config_fresh" && after != done) {
+			EXPECT_FALSE(fs::exists("/usr/zevo/etc/zevotuned/.config.new"));
+			EXPECT_FALSE(fs::exists("/run/zevotuned/.sections.new") ||
+			             fs::exists("/run/zevotuned/.pairs.new"));
+		}
+		if (only != nullptr)
+			return;
+	}
+	RecordProperty("kill_points", n - 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(Writers, Crash, testing::ValuesIn(Writers()),
+                         [](const auto &scenario) { return scenario.param.name; });
+
+} // namespace

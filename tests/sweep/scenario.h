@@ -1,0 +1,27 @@
+#ifndef TESTS_SWEEP_SCENARIO_H
+#define TESTS_SWEEP_SCENARIO_H
+
+#include <functional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+/// One call of the library on a machine made ready for it. Every call of the platform and every system call that it makes
+/// fails in turn (sweep_test.cpp).
+struct Scenario {
+	std::string name;              // also of the file that says what is expected, expected/<name>.txt
+	std::function<void()> prepare; // on a machine on which the library has never run
+	std::function<int()> call;
+	int result; // of the call when nothing fails
+};
+
+/// How GoogleTest names a scenario in a failure.
+inline void PrintTo(const Scenario &scenario, std::ostream *out)
+{
+	*out << scenario.name;
+}
+
+/// The scenarios of the profile half. A new one is one more row.
+std::vector<Scenario> ProfileScenarios();
+
+#endif

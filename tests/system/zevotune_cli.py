@@ -1,0 +1,834 @@
+#!/usr/bin/env python3
+"""Runs the command line as a user does and compares all that it prints, its exit status and what it leaves behind.
+
+The environment variable ZEVOTUNE holds the tool's path. Runs as root inside of tests/lab/enter only.
+"""
+
+import fcntl
+import json
+import os
+import re
+import shutil
+import stat
+import subprocess
+import sys
+import tempfile
+import unittest
+
+MARKER = "/run/zevotuned-lab"
+SHIPPED = "/usr/zevo/share/zevotuned/profiles"
+LOCAL = "/usr/local/share/zevotuned/profiles"
+SHIPPED_GLOBAL = "/usr/zevo/share/zevotuned/global"
+LOCAL_GLOBAL = "/usr/local/share/zevotuned/global"
+CONFIG_DIR = "/usr/zevo/etc/zevotuned"
+CONFIG = CONFIG_DIR + "/config"
+LOCK_DIR = "/run/lock/zevotuned"
+LOCK = LOCK_DIR + "/config.lock"
+PARAMETERS = "/proc/sys/vm"
+FOLDERS = ["/usr/zevo", "/usr/local/share", "/run/lock"]
+
+THROUGHPUT = SHIPPED + "/10-throughput"
+LATENCY = SHIPPED + "/20-latency"
+KNOWN_KEYS = ("profile, lock, btrfs_metadata_cache_on, btrfs_metadata_cache_space_usage_limit, "
+              "btrfs_metadata_cache_read_throttle_wait_mult")
+DEFAULTS = {
+    "profile": "performance_throughput",
+    "lock": "false",
+    "btrfs_metadata_cache_on": "true",
+    "btrfs_metadata_cache_space_usage_limit": "100",
+    "btrfs_metadata_cache_read_throttle_wait_mult": "0",
+}
+COMMANDS = [["list"], ["current"], ["set"], ["apply"], ["config"], ["config", "get"], ["config", "set"],
+            ["config", "list"]]
+SEE_LOG = " (the whole chain is in the system's log: journalctl -t zevotune)"
+
+
+def write(path, text):
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    with open(path, "wb") as file:
+        file.write(text if isinstance(text, bytes) else text.encode())
+    return path
+
+
+def read(path):
+    with open(path, "rb") as file:
+        return file.read()
+
+
+def parameter(name):
+    return read(f"{PARAMETERS}/{name}").decode().strip()
+
+
+def profile(path, name, main="", sysctl=""):
+    return write(path, f"[main]\nname = {name}\n{main}[sysctl]\n{sysctl}")
+
+
+def tree():
+    """Everything that the tool may write to: names, modes, owners and contents."""
+    entries = {}
+    for top in FOLDERS + [PARAMETERS]:
+        for folder, _, files in os.walk(top):
+            for path in [folder] + [os.path.join(folder, name) for name in files]:
+                status = os.lstat(path)
+                content = read(path) if stat.S_ISREG(status.st_mode) else None
+                entries[path] = (status.st_mode, status.st_uid, status.st_ino, content)
+    return entries
+
+
+class Machine(unittest.TestCase):
+    """Starts every test on a machine with two profiles, on which the tool has never run."""
+
+    maxDiff = None
+    tool = os.environ.get("ZEVOTUNE", "")
+
+    @classmethod
+    def setUpClass(cls):
+        cls.parameters = {name: read(f"{PARAMETERS}/{name}") for name in os.listdir(PARAMETERS)}
+        # Where everybody can run it; the folder that it was built in need not be open to others.
+        cls.public = tempfile.mkdtemp()
+        os.chmod(cls.public, 0o755)
+        shutil.copy(cls.tool, cls.public + "/zevotune")
+        libraries = subprocess.run(["ldd", cls.tool], check=True, capture_output=True, text=True).stdout
+        for path in re.findall(r"=> (\S*/lib(?:zevotuned|vunkcore)\.so\S*)", libraries):
+            shutil.copy(path, cls.public)
+        os.chmod(cls.public + "/zevotune", 0o755)
+
+    @classmethod
+    def tearDownClass(cls):
+        shutil.rmtree(cls.public)
+
+    def setUp(self):
+        os.umask(0o022)
+        for top in FOLDERS:
+            for entry in os.scandir(top):
+                if entry.is_dir(follow_symlinks=False):
+                    shutil.rmtree(entry.path)
+                else:
+                    os.remove(entry.path)
+        for name in os.listdir(PARAMETERS):
+            if name not in self.parameters:
+                os.remove(f"{PARAMETERS}/{name}")
+        for name, value in self.parameters.items():
+            write(f"{PARAMETERS}/{name}", value)
+        os.mkdir("/usr/zevo/etc")
+        profile(THROUGHPUT, "performance_throughput", "index = 0\nui = true\nprofile_title_i18n = title:throughput\n"
+                "profile_desc_i18n = desc:throughput\n", "vm.swappiness = 11\n")
+        profile(LATENCY, "performance_latency", "index = 1\n", "vm.swappiness = 22\n")
+
+    def command(self, arguments, user):
+        if user == "root":
+            return [self.tool] + arguments
+        return ["setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups", "env",
+                "LD_LIBRARY_PATH=" + self.public, self.public + "/zevotune"] + arguments
+
+    def run_tool(self, *arguments, user="root", **options):
+        options = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "timeout": 60} | options
+        result = subprocess.run(self.command(list(arguments), user), stdin=subprocess.DEVNULL, **options)
+        return result.returncode, *(None if text is None else text.decode("utf-8", "surrogateescape")
+                                    for text in (result.stdout, result.stderr))
+
+    def succeeds(self, *arguments, user="root", err=""):
+        """Returns what is printed."""
+        status, out, real_err = self.run_tool(*arguments, user=user)
+        self.assertEqual((real_err, status), (err, 0))
+        return out
+
+    def prints(self, out, *arguments, user="root"):
+        self.assertEqual(self.succeeds(*arguments, user=user), out)
+
+    def prints_json(self, value, *arguments, user="root"):
+        """In every place that --json may have, and as ASCII."""
+        texts = {self.succeeds(*arguments[:i], "--json", *arguments[i:], user=user) for i in range(len(arguments) + 1)}
+        self.assertEqual(len(texts), 1)
+        text = texts.pop()
+        self.assertTrue(text.isascii())
+        self.assertTrue(text.endswith("\n"))
+        self.assertEqual(json.loads(text), value)
+
+    def fails(self, line, *arguments, user="root", touching=False):
+        """With this one line on standard error, nothing on standard output, and nothing on the machine changed."""
+        before = tree()
+        status, out, err = self.run_tool(*arguments, user=user)
+        self.assertEqual((err, out, status), (f"zevotune: {line}\n", "", 1))
+        if not touching:
+            self.assertEqual(tree(), before)
+
+    def configure(self, **pairs):
+        write(CONFIG, "".join(f"{key} = {value}\n" for key, value in (DEFAULTS | pairs).items()))
+
+    def make_lock(self):
+        write(LOCK, "")
+
+
+class Usage(Machine):
+    def wrong(self, text, command, *arguments):
+        before = tree()
+        status, out, err = self.run_tool(*arguments)
+        self.assertEqual((err, out, status),
+                         (f"zevotune: {text}\nRun \"{command} --help\" for more information.\n", "", 2))
+        self.assertEqual(tree(), before)
+
+    def test_version(self):
+        self.assertRegex(self.succeeds("--version"), r"\Azevotune \d+\.\d+\.\d+\n\Z")
+
+    def test_help_of_the_tool_names_every_command_folder_and_exit_status(self):
+        text = self.succeeds("--help")
+        self.assertEqual(self.succeeds("-h"), text)
+        self.assertIn("Usage: zevotune [OPTIONS] SUBCOMMAND\n", text)
+        for name in ["list", "current", "set", "apply", "config"]:
+            self.assertRegex(text, rf"\n  {name} +\S")
+        for part in [SHIPPED, LOCAL, SHIPPED_GLOBAL, LOCAL_GLOBAL, "journalctl -t zevotune", "--json", "--version"]:
+            self.assertIn(part, text)
+        self.assertIn("Exit status: 0 done; 1 failed, with one line on standard error that says what\n"
+                      "failed, where, why, and what to do; 2 wrong usage.", text)
+
+    def test_every_command_has_help_with_its_usage_and_json_and_touches_nothing(self):
+        before = tree()
+        for command in COMMANDS:
+            with self.subTest(command=command):
+                text = self.succeeds(*command, "--help")
+                self.assertIn("Usage: zevotune " + " ".join(command) + " [OPTIONS]", text)
+                self.assertIn("--json", text)
+                if command != ["config"]:
+                    self.assertRegex(text, r"\n--json: \S")
+                for line in text.splitlines():
+                    self.assertLessEqual(len(line), 80, line)
+        self.assertEqual(tree(), before)
+
+    def test_help_of_config_set_documents_every_key_with_the_default_that_the_library_writes(self):
+        text = self.succeeds("config", "set", "--help")
+        self.assertIn("--force", text)
+        written = json.loads(self.succeeds("config", "list", "--json"))
+        self.assertEqual(written, DEFAULTS)
+        for key, value in written.items():
+            self.assertIn(f"\n  {key} (default: {value})\n", text)
+
+    def test_help_of_commands_that_write_says_that_they_take_root(self):
+        for command in [["set"], ["apply"], ["config", "set"]]:
+            self.assertIn("\nTakes root.\n", self.succeeds(*command, "--help"))
+
+    def test_wrong_usage(self):
+        self.wrong("A subcommand is required", "zevotune")
+        self.wrong("A subcommand is required", "zevotune config", "config")
+        self.wrong("there is no command \"lst\"; did you mean \"list\"?", "zevotune", "lst")
+        self.wrong("there is no command \"xyzzy\"", "zevotune", "xyzzy", "--json")
+        self.wrong("there is no command \"gte\"; did you mean \"get\"?", "zevotune config", "config", "gte")
+        self.wrong("there is no option \"--frobnicate\"", "zevotune", "--frobnicate")
+        self.wrong("there is no option \"--force\"", "zevotune list", "list", "--force")
+        self.wrong("NAME is required", "zevotune set", "set")
+        self.wrong("KEY is required", "zevotune config get", "config", "get")
+        self.wrong("VALUE is required", "zevotune config set", "config", "set", "lock")
+        self.wrong("The following argument was not expected: b", "zevotune set", "set", "a", "b")
+
+    def test_names_of_commands_are_names_of_profiles_too(self):
+        profile(LOCAL + "/x", "list", "", "vm.swappiness = 33\n")
+        self.prints(f"selected and applied list ({LOCAL}/x)\n", "set", "list")
+
+    def test_output_that_cannot_be_written_is_a_failure(self):
+        for arguments in [["list"], ["current", "--json"], ["--help"], ["--version"]]:
+            with self.subTest(arguments=arguments), open("/dev/full", "wb") as full:
+                self.assertEqual(self.run_tool(*arguments, stdout=full),
+                                 (1, None, "zevotune: cannot write to standard output (No space left on device)\n"))
+
+
+class List(Machine):
+    def entry(self, name, path, index=-1, **more):
+        return {"name": name, "index": index, "inherit": None, "title": "", "description": "", "ui": False,
+                "path": path, "selected": False} | more
+
+    def both(self, **more):
+        return [self.entry("performance_throughput", THROUGHPUT, 0, title="title:throughput",
+                           description="desc:throughput", ui=True, **more.get("throughput", {})),
+                self.entry("performance_latency", LATENCY, 1, **more.get("latency", {}))]
+
+    def table(self, mark_throughput, mark_latency):
+        return ("   INDEX  NAME                    TITLE             FILE\n"
+                f"{mark_throughput}  0      performance_throughput  title:throughput  {THROUGHPUT}\n"
+                f"{mark_latency}  1      performance_latency                       {LATENCY}\n")
+
+    def test_as_root_marks_the_default_where_there_is_no_configuration_and_makes_none(self):
+        before = tree()
+        self.prints(self.table("*", " "), "list")
+        self.assertEqual(tree(), before)
+        self.prints_json(self.both(throughput={"selected": True}), "list")
+        self.assertEqual(tree(), before)
+
+    def test_marks_the_selected_profile(self):
+        self.configure(profile="performance_latency")
+        self.make_lock()
+        before = tree()
+        for user in ["root", "nobody"]:
+            with self.subTest(user=user):
+                self.prints(self.table(" ", "*"), "list", user=user)
+                self.prints_json(self.both(latency={"selected": True}), "list", user=user)
+                self.assertEqual(tree(), before)
+
+    def test_marks_the_default_where_the_configuration_names_none_and_does_not_complete_it(self):
+        write(CONFIG, "lock = true\n")
+        self.prints(self.table("*", " "), "list")
+        self.assertEqual(read(CONFIG), b"lock = true\n")
+        self.prints(self.table("*", " "), "list", user="nobody")
+        self.assertEqual(read(CONFIG), b"lock = true\n")
+
+    def test_without_root_there_is_no_mark_where_the_configuration_cannot_be_read_and_nothing_is_made(self):
+        def check():
+            before = tree()
+            self.prints(self.table(" ", " "), "list", user="nobody")
+            unknown = {"selected": None}
+            self.prints_json(self.both(throughput=unknown, latency=unknown), "list", user="nobody")
+            self.assertEqual(tree(), before)
+
+        check()  # neither configuration nor lock
+        self.configure(profile="performance_latency")
+        check()  # no folder for locks
+        os.mkdir(LOCK_DIR)
+        os.chmod(LOCK_DIR, 0o777)
+        check()  # no lock file, which anybody could make
+        self.make_lock()
+        os.chmod(LOCK, 0o600)
+        check()
+        os.chmod(LOCK, 0o644)
+        os.chmod(CONFIG, 0o600)
+        check()
+        os.remove(CONFIG)
+        check()
+
+    def test_there_is_no_mark_where_the_configuration_is_broken_or_selects_what_is_not_installed(self):
+        self.configure(profile="gone")
+        self.prints(self.table(" ", " "), "list")
+        self.prints_json(self.both(), "list")
+        write(CONFIG, "nonsense\n")
+        self.prints(self.table(" ", " "), "list")
+        os.remove(CONFIG)
+        os.mkdir(CONFIG)
+        self.prints(self.table(" ", " "), "list")
+
+    def test_sorts_by_index_and_keeps_columns_aligned(self):
+        os.remove(LATENCY)
+        profile(LOCAL + "/a", "größer", "index = -20\ninherit = x\n")
+        profile(LOCAL + "/b", "z", "index = 100\ninherit =\n")
+        self.prints("   INDEX  NAME                    TITLE             FILE\n"
+                    f"   -20    größer                                    {LOCAL}/a\n"
+                    f"*  0      performance_throughput  title:throughput  {THROUGHPUT}\n"
+                    f"   100    z                                         {LOCAL}/b\n", "list")
+        self.prints_json([self.entry("größer", LOCAL + "/a", -20, inherit="x"),
+                          self.both(throughput={"selected": True})[0],
+                          self.entry("z", LOCAL + "/b", 100, inherit="")], "list")
+
+    def test_says_which_of_two_profiles_of_a_name_counts(self):
+        os.remove(LATENCY)
+        first = profile(LOCAL + "/a", "performance_throughput", "index = -5\n")
+        self.prints("   INDEX  NAME                    TITLE             FILE\n"
+                    f"*  -5     performance_throughput                    {first}\n"
+                    f"   0      performance_throughput  title:throughput  {THROUGHPUT} (hidden by {first})\n", "list")
+        self.prints_json([self.entry("performance_throughput", first, -5, selected=True),
+                          self.both(throughput={"shadowed_by": first})[0]], "list")
+        self.prints(f"selected and applied performance_throughput ({first})\n", "set", "performance_throughput")
+
+    def test_shows_the_header_alone_where_nothing_is_installed(self):
+        shutil.rmtree(SHIPPED)
+        self.prints("   INDEX  NAME  TITLE  FILE\n", "list")
+        self.prints_json([], "list")
+
+    def test_control_characters_and_bytes_that_are_not_utf8_do_no_harm(self):
+        shutil.rmtree(SHIPPED)
+        path = write(LOCAL + "/x", b"[main]\nname = a\x1b[31m\x7f\tb\nprofile_title_i18n = gr\xfc\xdf\n")
+        status, out, err = self.run_tool("list")
+        self.assertEqual((out, err, status), ("   INDEX  NAME                TITLE  FILE\n"
+                                              f"   -1     a\\x1B[31m\\x7F\\x09b  gr\udcfc\udcdf   {path}\n", "", 0))
+        self.prints_json([self.entry("a\x1b[31m\x7f\tb", path, title="gr\ufffd\ufffd")], "list")
+
+
+class BrokenFile(Machine):
+    SYNTAX = ": line is neither a section, a pair in a section nor a comment; mend or remove the file"
+
+    def refused(self, reason, what="the profiles", commands=None):
+        for arguments in commands or [["list"], ["list", "--json"], ["set", "performance_latency"]]:
+            with self.subTest(arguments=arguments):
+                self.fails(f"cannot read {what}: {reason}", *arguments)
+
+    def test_a_line_that_is_nothing(self):
+        write(LOCAL + "/x", "[main]\nname = x\nnonsense\n")
+        self.refused(f"{LOCAL}/x:3" + self.SYNTAX)
+        self.configure()
+        self.make_lock()
+        self.refused(f"{LOCAL}/x:3" + self.SYNTAX,
+                     commands=[["apply"], ["config", "set", "profile", "performance_latency"]])
+
+    def test_a_pair_in_front_of_the_first_section(self):
+        write(LOCAL + "/x", "name = x\n[main]\n")
+        self.refused(f"{LOCAL}/x:1" + self.SYNTAX)
+
+    def test_no_section_main(self):
+        write(SHIPPED + "/x", "[sysctl]\n")
+        self.refused(f"{SHIPPED}/x: there is no section [main]; add one or remove the file")
+
+    def test_no_permission(self):
+        os.chmod(LATENCY, 0o600)
+        self.fails(f"cannot read the profiles: {LATENCY} can only be read by other users; "
+                   "run zevotune as root (sudo)", "list", user="nobody")
+        os.chmod(LATENCY, 0o644)
+        os.chmod(SHIPPED, 0o700)
+        self.fails(f"cannot read the profiles: {SHIPPED} can only be read by other users; "
+                   "run zevotune as root (sudo)", "list", user="nobody")
+
+    def test_a_file_that_is_too_large_to_be_read(self):
+        os.mkdir(LOCAL_GLOBAL[:-len("/global")])
+        os.mkdir(LOCAL)
+        with open(LOCAL + "/x", "wb") as file:
+            file.truncate((256 << 20) + 1)
+        status, out, err = self.run_tool("list")
+        self.assertEqual((err, out, status), (
+            f"zevotune: cannot read the profiles: {LOCAL}/x cannot be read: the disk fails, or it is larger than "
+            "256 MiB; mend or remove it\n", "", 1))
+
+    def test_a_global_profile(self):
+        write(LOCAL_GLOBAL + "/g", "[main]\n[\n")
+        self.refused(f"{LOCAL_GLOBAL}/g:2" + self.SYNTAX, "the global profiles", [["set", "performance_latency"]])
+        write(SHIPPED_GLOBAL + "/g", "")
+        self.configure()
+        self.make_lock()
+        self.refused(f"{SHIPPED_GLOBAL}/g: there is no section [main]; add one or remove the file",
+                     "the global profiles", [["set", "performance_latency"], ["apply"]])
+
+    def test_a_global_profile_keeps_nobody_from_listing(self):
+        write(LOCAL_GLOBAL + "/g", "nonsense\n")
+        self.assertIn("performance_latency", self.succeeds("list"))
+
+    def test_a_name_with_control_characters_stays_one_line(self):
+        write(LOCAL + "/a\nb", "nonsense")
+        self.refused(f"{LOCAL}/a\\x0Ab:1" + self.SYNTAX)
+
+
+class Current(Machine):
+    def test_as_root_makes_the_configuration_with_the_default(self):
+        self.prints("performance_throughput\n", "current")
+        self.assertEqual(read(CONFIG).decode(), "".join(f'{key}="{value}"\n' for key, value in DEFAULTS.items()))
+
+    def test_prints_the_recorded_name_installed_or_not(self):
+        self.configure(profile="gone")
+        self.make_lock()
+        for user in ["root", "nobody"]:
+            self.prints("gone\n", "current", user=user)
+            self.prints_json({"profile": "gone"}, "current", user=user)
+
+    def test_is_what_was_set(self):
+        self.succeeds("set", "performance_latency")
+        self.prints("performance_latency\n", "current")
+        self.prints("performance_latency\n", "current", user="nobody")
+
+    def test_needs_no_profiles(self):
+        shutil.rmtree(SHIPPED)
+        self.prints("performance_throughput\n", "current")
+
+
+class ReadingWithoutRoot(Machine):
+    COMMANDS = [["current"], ["config", "get", "lock"], ["config", "list"], ["current", "--json"]]
+
+    def refused(self, reason):
+        for arguments in self.COMMANDS:
+            with self.subTest(arguments=arguments):
+                self.fails("cannot read the configuration: " + reason, *arguments, user="nobody")
+
+    def test_makes_nothing_where_something_is_missing(self):
+        missing = " is missing, and only root makes it; run \"sudo zevotune current\""
+        self.refused(CONFIG + missing)
+        self.configure()
+        self.refused(LOCK + missing)
+        os.mkdir(LOCK_DIR)
+        os.chmod(LOCK_DIR, 0o777)
+        self.refused(LOCK + missing)
+
+    def test_what_it_tells_to_run_helps(self):
+        self.succeeds("current")
+        for arguments in self.COMMANDS:
+            self.succeeds(*arguments, user="nobody")
+
+    def test_says_which_file_it_may_not_open(self):
+        self.configure()
+        self.make_lock()
+        denied = " cannot be opened (Permission denied); run zevotune as root (sudo)"
+        os.chmod(LOCK, 0o600)
+        self.refused(LOCK + denied)
+        os.chmod(LOCK, 0o644)
+        os.chmod(CONFIG, 0o600)
+        self.refused(CONFIG + denied)
+
+    def test_shows_defaults_for_missing_keys_and_adds_none(self):
+        write(CONFIG, "own = 1\nprofile = x\n")
+        self.make_lock()
+        before = tree()
+        self.prints_json(DEFAULTS | {"own": "1", "profile": "x"}, "config", "list", user="nobody")
+        self.prints("100\n", "config", "get", "btrfs_metadata_cache_space_usage_limit", user="nobody")
+        self.assertEqual(tree(), before)
+        as_nobody = self.succeeds("config", "list", user="nobody")
+        self.assertEqual(self.succeeds("config", "list"), as_nobody)
+        self.assertNotEqual(tree(), before)
+
+    def test_waits_for_no_lock_that_only_readers_hold(self):
+        self.configure()
+        self.make_lock()
+        with open(LOCK, "rb") as lock:
+            fcntl.flock(lock, fcntl.LOCK_SH)
+            self.prints("performance_throughput\n", "current", user="nobody")
+
+
+class WritingWithoutRoot(Machine):
+    def test_is_refused_before_anything_is_touched(self):
+        self.configure()
+        self.make_lock()
+        os.chmod(CONFIG, 0o666)
+        os.chmod(CONFIG_DIR, 0o777)
+        for arguments in [["set", "performance_latency"], ["set", "gone"], ["apply"],
+                          ["config", "set", "lock", "true"], ["config", "set", "--force", "x", "y"],
+                          ["set", "--json", "performance_latency"]]:
+            command = "config set" if arguments[0] == "config" else arguments[0]
+            with self.subTest(arguments=arguments):
+                self.fails(f"\"{command}\" needs root and has changed nothing; run \"sudo zevotune {command} ...\"",
+                           *arguments, user="nobody")
+
+
+class Set(Machine):
+    def test_selects_and_applies_and_says_so_in_a_line(self):
+        profile(LOCAL_GLOBAL + "/g", "g", "", "vm.swappiness = 1\nvm.vfs_cache_pressure = 55\n")
+        self.prints(f"selected and applied performance_latency ({LATENCY})\n", "set", "performance_latency")
+        self.assertEqual(parameter("swappiness"), "22")
+        self.assertEqual(parameter("vfs_cache_pressure"), "55")
+        self.assertIn(b'profile="performance_latency"\n', read(CONFIG))
+
+    def test_json(self):
+        self.prints_json({"profile": "performance_latency", "path": LATENCY}, "set", "performance_latency")
+        self.assertEqual(parameter("swappiness"), "22")
+
+    def test_applies_what_is_inherited(self):
+        profile(LOCAL + "/x", "x", "inherit = performance_latency\n", "vm.vfs_cache_pressure = 66\n")
+        self.prints(f"selected and applied x ({LOCAL}/x)\n", "set", "x")
+        self.assertEqual((parameter("swappiness"), parameter("vfs_cache_pressure")), ("22", "66"))
+
+    def test_unknown_name(self):
+        where = f"in {SHIPPED} or {LOCAL}"
+        self.fails(f"there is no profile \"latency\" {where}; did you mean \"performance_latency\"?", "set", "latency")
+        self.fails(f"there is no profile \"perfromance_throughput\" {where}; did you mean \"performance_throughput\"?",
+                   "set", "perfromance_throughput")
+        self.fails(f"there is no profile \"quiet\" {where}; \"zevotune list\" shows all", "set", "quiet")
+        self.fails(f"there is no profile \"\" {where}; \"zevotune list\" shows all", "set", "")
+        self.fails(f"there is no profile \"a\\x0Ab\" {where}; \"zevotune list\" shows all", "set", "a\nb")
+        self.fails(f"there is no profile \"10-throughput\" {where}; \"zevotune list\" shows all",
+                   "set", "10-throughput")
+
+    def test_profile_without_a_name(self):
+        path = write(LOCAL + "/x", "[main]\n[sysctl]\nvm.swappiness = 44\n")
+        self.prints(f"selected and applied  ({path})\n", "set", "")
+        self.assertEqual(parameter("swappiness"), "44")
+
+    def test_parameters_that_the_kernel_refuses_are_passed_over(self):
+        profile(LOCAL + "/x", "x", "", "kernel.pid_max = 99999\nvm.no_such_parameter = 1\nvm.swappiness = 44\n")
+        status, out, err = self.run_tool("set", "x")
+        self.assertEqual((out, status), (f"selected and applied x ({LOCAL}/x)\n", 0))
+        self.assertRegex(err, r"\Asysctl: [^\n]*kernel\.pid_max[^\n]*\n\Z")
+        self.assertEqual(parameter("swappiness"), "44")
+
+    def test_configuration_that_cannot_be_written(self):
+        os.rmdir("/usr/zevo/etc")
+        self.fails(f"cannot set \"performance_latency\": {CONFIG_DIR} cannot be made, as /usr/zevo/etc is missing; "
+                   f"make that folder; it is not selected{SEE_LOG}", "set", "performance_latency")
+        write("/usr/zevo/etc/zevotuned", "")
+        self.fails(f"cannot set \"performance_latency\": {CONFIG_DIR} is no folder; move it away; "
+                   f"it is not selected{SEE_LOG}", "set", "performance_latency")
+        os.remove("/usr/zevo/etc/zevotuned")
+        os.makedirs(CONFIG)
+        self.fails(f"cannot set \"performance_latency\": {CONFIG} is no regular file; move it away; "
+                   f"it is not selected{SEE_LOG}", "set", "performance_latency")
+
+    def test_broken_configuration(self):
+        write(CONFIG, "lock = true\n[main]\n")
+        self.make_lock()
+        self.fails(f"cannot set \"performance_latency\": {CONFIG}:2: line is neither a pair nor a comment; "
+                   f"mend the file; it is not selected{SEE_LOG}", "set", "performance_latency")
+
+    def test_configuration_that_cannot_be_replaced(self):
+        self.configure()
+        self.make_lock()
+        os.mkdir(CONFIG_DIR + "/.config.new")
+        self.fails(f"cannot set \"performance_latency\": {CONFIG} cannot be written; see whether its file system is "
+                   f"full or read-only; it is not selected{SEE_LOG}", "set", "performance_latency")
+
+    def test_lock_file_that_is_none(self):
+        self.configure()
+        os.mkdir(LOCK_DIR)
+        os.symlink("/dev/null", LOCK)
+        self.fails(f"cannot set \"performance_latency\": {LOCK} cannot be opened as a lock file; remove it; "
+                   f"it is not selected{SEE_LOG}", "set", "performance_latency")
+        shutil.rmtree(LOCK_DIR)
+        write(LOCK_DIR, "")
+        self.fails(f"cannot set \"performance_latency\": {LOCK_DIR} is no folder; move it away; "
+                   f"it is not selected{SEE_LOG}", "set", "performance_latency")
+
+    def test_failure_half_way_says_what_is_selected(self):
+        # sysctl waits for a reader of the pipe, and the file is broken meanwhile.
+        os.mkfifo(PARAMETERS + "/pipe")
+        base = profile(LOCAL + "/base", "base", "", "vm.swappiness = 77\n")
+        profile(SHIPPED_GLOBAL + "/g", "g", "", "vm.pipe = 1\n")
+        profile(LOCAL + "/x", "x", "inherit = base\n")
+        started = subprocess.Popen(self.command(["set", "x"], "root"), stdin=subprocess.DEVNULL,
+                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        self.addCleanup(started.kill)
+        with open(PARAMETERS + "/pipe", "rb") as pipe:
+            write(base, "nonsense\n")
+            self.assertEqual(pipe.read(), b"1\n")
+        out, err = started.communicate(timeout=60)
+        self.assertEqual((err, out, started.returncode), (
+            f"zevotune: cannot set \"x\": {base}:1{BrokenFile.SYNTAX}; it is selected, but perhaps applied in part"
+            f"{SEE_LOG}\n", "", 1))
+        self.prints("x\n", "current")
+        self.assertEqual(parameter("swappiness"), self.parameters["swappiness"].decode().strip())
+
+
+class Apply(Machine):
+    def test_applies_the_selected_profile(self):
+        self.configure(profile="performance_latency")
+        self.prints(f"applied performance_latency ({LATENCY})\n", "apply")
+        self.assertEqual(parameter("swappiness"), "22")
+        self.prints_json({"profile": "performance_latency", "path": LATENCY}, "apply")
+
+    def test_applies_the_default_where_there_is_no_configuration(self):
+        self.prints(f"applied performance_throughput ({THROUGHPUT})\n", "apply")
+        self.assertEqual(parameter("swappiness"), "11")
+
+    def test_selected_profile_that_is_not_installed(self):
+        self.make_lock()
+        self.configure(profile="performance_latenci")
+        end = " (\"sudo zevotune set NAME\" selects another one)"
+        self.fails(f"the selected profile \"performance_latenci\" (in {CONFIG}) is not installed; "
+                   f"did you mean \"performance_latency\"?{end}", "apply")
+        self.configure(profile="gone")
+        self.fails(f"the selected profile \"gone\" (in {CONFIG}) is not installed{end}", "apply")
+
+    def test_broken_configuration(self):
+        write(CONFIG, "lock = true\nnonsense\n")
+        self.make_lock()
+        self.fails(f"cannot read the configuration: {CONFIG}:2: line is neither a pair nor a comment; mend the file",
+                   "apply")
+
+    def test_failure_half_way(self):
+        self.configure(profile="x")
+        os.mkfifo(PARAMETERS + "/pipe")
+        path = profile(LOCAL + "/x", "x", "", "vm.swappiness = 77\n")
+        profile(SHIPPED_GLOBAL + "/g", "g", "", "vm.pipe = 1\n")
+        started = subprocess.Popen(self.command(["apply"], "root"), stdin=subprocess.DEVNULL,
+                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        self.addCleanup(started.kill)
+        with open(PARAMETERS + "/pipe", "rb") as pipe:
+            os.remove(path)
+            self.assertEqual(pipe.read(), b"1\n")
+        out, err = started.communicate(timeout=60)
+        self.assertEqual((err, out, started.returncode), (
+            f"zevotune: cannot apply \"x\": {path} has just been removed; try again; perhaps it is applied in part"
+            f"{SEE_LOG}\n", "", 1))
+
+
+class Inheritance(Machine):
+    def refused(self, name, reason):
+        self.fails(f"cannot apply \"{name}\": {reason}", "set", name)
+        self.configure(profile=name)
+        self.make_lock()
+        self.fails(f"cannot apply \"{name}\": {reason}", "apply")
+        os.remove(CONFIG)
+        shutil.rmtree(LOCK_DIR)
+
+    def test_circle(self):
+        a = profile(LOCAL + "/a", "A", "inherit = B\n", "vm.swappiness = 99\n")
+        b = profile(LOCAL + "/b", "B", "inherit = C\n")
+        c = profile(LOCAL + "/c", "C", "inherit = B\n")
+        end = "; remove one \"inherit\" of the circle"
+        self.refused("A", f"its inheritance never ends: \"A\" ({a}) -> \"B\" ({b}) -> \"C\" ({c}) -> \"B\" ({b}){end}")
+        self.refused("C", f"its inheritance never ends: \"C\" ({c}) -> \"B\" ({b}) -> \"C\" ({c}){end}")
+        self.assertIn("performance_latency", self.succeeds("set", "performance_latency"))
+
+    def test_profile_that_inherits_from_itself(self):
+        path = profile(LOCAL + "/a", "A", "inherit = A\n")
+        self.refused("A", f"its inheritance never ends: \"A\" ({path}) -> \"A\" ({path}); "
+                     "remove one \"inherit\" of the circle")
+
+    def test_empty_inherit_is_a_name(self):
+        path = write(LOCAL + "/a", "[main]\ninherit =\n")
+        self.refused("", f"its inheritance never ends: \"\" ({path}) -> \"\" ({path}); "
+                     "remove one \"inherit\" of the circle")
+        path = profile(LOCAL + "/a", "A", "inherit =\n")
+        self.refused("A", f"{path} inherits from \"\", and there is no profile of that name; "
+                     "mend or remove its \"inherit\"")
+
+    def test_names_stand_for_the_first_profile_of_the_catalogue(self):
+        profile(LOCAL + "/a", "A", "index = 5\ninherit = A\n")
+        first = profile(LOCAL + "/b", "A", "index = 4\n")
+        self.prints(f"selected and applied A ({first})\n", "set", "A")
+        profile(LOCAL + "/a", "A", "index = 3\ninherit = A\n")
+        os.remove(CONFIG)
+        shutil.rmtree(LOCK_DIR)
+        self.refused("A", f"its inheritance never ends: \"A\" ({LOCAL}/a) -> \"A\" ({LOCAL}/a); "
+                     "remove one \"inherit\" of the circle")
+
+    def test_global_profile_that_inherits(self):
+        for folder in [SHIPPED_GLOBAL, LOCAL_GLOBAL]:
+            with self.subTest(folder=folder):
+                path = profile(folder + "/g", "g", "inherit = performance_throughput\n")
+                self.refused("performance_latency", f"the global profile {path} inherits from "
+                             f"\"performance_throughput\" ({THROUGHPUT}), before which all global profiles are applied "
+                             "again, without end; remove its \"inherit\"")
+                os.remove(path)
+
+    def test_missing_profile(self):
+        a = profile(LOCAL + "/a", "A", "inherit = B\n", "vm.swappiness = 99\n")
+        b = profile(LOCAL + "/b", "B", "inherit = performance_latenzy\n", "vm.swappiness = 98\n")
+        self.refused("A", f"{b} inherits from \"performance_latenzy\", and there is no profile of that name; "
+                     "did you mean \"performance_latency\"?")
+        os.remove(b)
+        self.refused("A", f"{a} inherits from \"B\", and there is no profile of that name; "
+                     "mend or remove its \"inherit\"")
+
+    def test_global_profile_that_inherits_from_a_missing_one(self):
+        path = profile(LOCAL_GLOBAL + "/g", "g", "inherit = gone\n")
+        self.refused("performance_latency", f"{path} inherits from \"gone\", and there is no profile of that name; "
+                     "mend or remove its \"inherit\"")
+
+
+class Config(Machine):
+    def test_list(self):
+        self.configure(own="some value")
+        self.make_lock()
+        table = ("KEY                                           VALUE\n"
+                 "profile                                       performance_throughput\n"
+                 "lock                                          false\n"
+                 "btrfs_metadata_cache_on                       true\n"
+                 "btrfs_metadata_cache_space_usage_limit        100\n"
+                 "btrfs_metadata_cache_read_throttle_wait_mult  0\n"
+                 "own                                           some value\n")
+        for user in ["root", "nobody"]:
+            self.prints(table, "config", "list", user=user)
+            self.prints_json(DEFAULTS | {"own": "some value"}, "config", "list", user=user)
+
+    def test_get(self):
+        self.configure(own="")
+        self.make_lock()
+        for user in ["root", "nobody"]:
+            self.prints("100\n", "config", "get", "btrfs_metadata_cache_space_usage_limit", user=user)
+            self.prints("\n", "config", "get", "own", user=user)
+            self.prints_json({"key": "lock", "value": "false"}, "config", "get", "lock", user=user)
+
+    def test_get_of_an_unknown_key_names_the_known_ones(self):
+        self.configure(own="1")
+        self.make_lock()
+        for user in ["root", "nobody"]:
+            self.fails(f"there is no key \"lokc\" in {CONFIG}; did you mean \"lock\"? known keys: {KNOWN_KEYS}, own",
+                       "config", "get", "lokc", user=user)
+            self.fails(f"there is no key \"\" in {CONFIG}; known keys: {KNOWN_KEYS}, own", "config", "get", "",
+                       user=user)
+
+    def test_as_root_reading_makes_and_completes_the_configuration(self):
+        self.prints("0\n", "config", "get", "btrfs_metadata_cache_read_throttle_wait_mult")
+        write(CONFIG, "own = 1\n")
+        self.prints_json(DEFAULTS | {"own": "1"}, "config", "list")
+        self.assertIn(b'profile="performance_throughput"\n', read(CONFIG))
+
+    def test_set(self):
+        self.prints(f"set lock to \"true\" in {CONFIG}\n", "config", "set", "lock", "true")
+        self.assertEqual(read(CONFIG), b'lock="true"\n')
+        self.prints_json({"key": "lock", "value": "false"}, "config", "set", "lock", "false")
+        self.prints("false\n", "config", "get", "lock")
+
+    def test_set_accepts_sensible_values(self):
+        for key, values in {"profile": ["performance_latency"], "lock": ["true", "false"],
+                            "btrfs_metadata_cache_on": ["false", "true"],
+                            "btrfs_metadata_cache_space_usage_limit": ["0", "100", "8589934592"],
+                            "btrfs_metadata_cache_read_throttle_wait_mult": ["0", "12"]}.items():
+            for value in values:
+                self.prints(f"set {key} to \"{value}\" in {CONFIG}\n", "config", "set", key, value)
+                self.prints(f"{value}\n", "config", "get", key)
+
+    def test_set_refuses_values_that_make_no_sense_unless_forced(self):
+        truth = "true or false"
+        limit = "a whole number: percent of the SSD cache up to 100, bytes above"
+        pause = "a whole number: pause after reading, in multiples of the reading's time"
+        self.make_lock()
+        self.configure()
+        for key, values, needed in [
+                ("lock", ["", "1", "True", "true ", "yes"], truth),
+                ("btrfs_metadata_cache_on", ["on", "FALSE"], truth),
+                ("btrfs_metadata_cache_space_usage_limit",
+                 ["", "x", "5x", "-5", "+5", " 5", "1.5", "0x10", "18446744073709551616"], limit),
+                ("btrfs_metadata_cache_read_throttle_wait_mult", ["", "two", "-1", "2 "], pause)]:
+            for value in values:
+                with self.subTest(key=key, value=value):
+                    self.fails(f"cannot set \"{key}\" in {CONFIG} to \"{value}\": it has to be {needed}; "
+                               "--force sets it all the same", "config", "set", key, value)
+                    self.prints(f"set {key} to \"{value}\" in {CONFIG}\n", "config", "set", "--force", key, value)
+                    self.prints(f"{value}\n", "config", "get", key)
+
+    def test_set_refuses_a_profile_that_is_not_installed_unless_forced(self):
+        where = f"in {SHIPPED} or {LOCAL}"
+        self.fails(f"there is no profile \"latency\" {where}; did you mean \"performance_latency\"? "
+                   "(--force records it all the same)", "config", "set", "profile", "latency")
+        self.prints(f"set profile to \"latency\" in {CONFIG}\n", "config", "set", "profile", "latency", "--force")
+        self.prints("latency\n", "current")
+
+    def test_set_of_the_profile_applies_nothing(self):
+        self.succeeds("config", "set", "profile", "performance_latency")
+        self.assertEqual(read(PARAMETERS + "/swappiness"), self.parameters["swappiness"])
+
+    def test_set_refuses_misspelt_keys_unless_forced(self):
+        self.fails(f"there is no key \"lokc\" in {CONFIG}; did you mean \"lock\"? known keys: {KNOWN_KEYS}; "
+                   "--force adds it", "config", "set", "lokc", "true")
+        self.prints(f"set lokc to \"true\" in {CONFIG}\n", "config", "set", "lokc", "true", "--force")
+        self.assertEqual(read(CONFIG), b'lokc="true"\n')
+        self.prints(f"set lokc to \"x\" in {CONFIG}\n", "config", "set", "lokc", "x")  # it is in the file now
+
+    def test_set_keeps_the_other_keys(self):
+        self.configure(own="1")
+        self.succeeds("config", "set", "lock", "true")
+        self.prints_json(DEFAULTS | {"own": "1", "lock": "true"}, "config", "list")
+
+    def test_set_of_a_value_that_begins_with_a_dash(self):
+        self.prints(f"set own to \"--x\" in {CONFIG}\n", "config", "set", "--force", "--", "own", "--x")
+
+    def test_set_of_what_a_pair_file_cannot_hold(self):
+        self.configure()
+        self.make_lock()
+        reason = (f"{CONFIG} cannot hold it: it has to be one line, and a key without '=', blanks at its ends, or '#', "
+                  "';' or '[' in front")
+        self.fails(f"cannot set \"a=b\" to \"1\": {reason}", "config", "set", "--force", "a=b", "1")
+        self.fails(f"cannot set \"a\" to \"1\\x0A2\": {reason}", "config", "set", "--force", "a", "1\n2")
+
+    def test_broken_configuration(self):
+        write(CONFIG, "# comment\n= 1\n")
+        self.make_lock()
+        reason = f"{CONFIG}:2: line is neither a pair nor a comment; mend the file"
+        for user in ["root", "nobody"]:
+            for arguments in [["current"], ["config", "get", "lock"], ["config", "list"]]:
+                self.fails("cannot read the configuration: " + reason, *arguments, user=user)
+        self.fails("cannot read the configuration: " + reason, "config", "set", "own", "1")
+        self.fails(f"cannot set \"lock\" to \"true\": {reason}", "config", "set", "lock", "true")
+
+    def test_configuration_that_is_a_folder(self):
+        os.makedirs(CONFIG)
+        self.make_lock()
+        for user in ["root", "nobody"]:
+            self.fails(f"cannot read the configuration: {CONFIG} is no regular file; move it away", "config", "list",
+                       user=user)
+
+    def test_lock_that_another_program_holds(self):
+        self.configure()
+        self.make_lock()
+        with open(LOCK, "rb") as lock:
+            fcntl.flock(lock, fcntl.LOCK_EX)
+            self.fails(f"cannot read the configuration: another program has held the lock {LOCK} for 5 seconds; "
+                       "try again", "config", "list")
+
+
+if __name__ == "__main__":
+    if not os.path.exists(MARKER):
+        sys.exit(f"zevotune_cli: {MARKER} is missing: run this with tests/lab/enter, or it changes this machine")
+    if os.geteuid() != 0:
+        sys.exit("zevotune_cli: needs root inside of tests/lab/enter")
+    if not os.access(Machine.tool, os.X_OK):
+        sys.exit("zevotune_cli: the environment variable ZEVOTUNE has to hold the path of zevotune")
+    unittest.main()
