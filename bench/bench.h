@@ -1,0 +1,30 @@
+#ifndef BENCH_BENCH_H
+#define BENCH_BENCH_H
+
+// Measurements in pairs: what the library does, and the floor, the same system calls bare. Both are named
+// "<what>/ours" and "<what>/floor"; the table that main prints puts their ratio beside the goal of <what>.
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+
+namespace bench {
+
+/// Registers a pair. `ours` and `floor` do the operation once.
+void Pair(const std::string &what, double goal, void (*ours)(), void (*floor)());
+
+/// Something that is measured against an absolute goal, by its own means; called after the pairs.
+void Absolute(void (*measureAndPrint)());
+
+void WriteFile(const std::string &path, std::string_view text);
+
+/// Ends the program when a step failed: a number measured on a failure is worth nothing.
+void Require(bool condition, const char *what);
+
+} // namespace bench
+
+#define BENCH_REQUIRE(condition) bench::Require(condition, #condition)
+
+#endif
