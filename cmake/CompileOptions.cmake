@@ -22,3 +22,10 @@ else()
   add_compile_options($<$<NOT:$<CONFIG:Debug>>:-D_FORTIFY_SOURCE=2> -fstack-protector-strong)
   add_link_options($<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,SHARED_LIBRARY>:-Wl,-z,defs>)
 endif()
+
+option(ZEVOTUNED_COVERAGE "Count what the tests reach (gcc)" OFF)
+if(ZEVOTUNED_COVERAGE)
+  # Atomic, as threads count; written by processes that are killed or leave with _exit only as far as they got.
+  add_compile_options(--coverage -fprofile-update=atomic -fno-inline)
+  add_link_options(--coverage)
+endif()

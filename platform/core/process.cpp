@@ -26,24 +26,19 @@ namespace {
 struct Report {
 	pid_t child; // -1: there is none
 	int error;
+
+	bool IsMissing() const { return child < 0 && error == EDEADLK; }
 };
 
+constexpr Report kNoReport = {-1, EDEADLK}; // there is no child, and nobody left who could say why
 constexpr int kAttempts = 8;
 constexpr int kReportDescriptor = STDERR_FILENO + 1;
 constexpr timeval kPatience = {0, 250'000};
-
-int gReport; // for the signal handler; written in the intermediate only, whose memory is its own
 
 void Send(int fd, Report report)
 {
 	// The pipe takes so few bytes at once. The caller has no use for them when it has been killed.
 	[[maybe_unused]] const ssize_t written = write(fd, &report, sizeof(report));
-}
-
-void GiveUp(int)
-{
-	Send(gReport, {-1, EDEADLK});
-	_exit(0);
 }
 
 void SetDefaultDispositions()
@@ -60,12 +55,10 @@ void UnblockSignals()
 }
 
 /// Closes the syslog connection. fork() looks after neither the lock of syslog() nor that of the time zone, which
-/// syslog() takes: when another thread of the host held one of them, nobody will ever open it in this copy. Then this
-/// process ends, and the caller makes another one.
-void CloseSyslogOrGiveUp(int report)
+/// syslog() takes: when another thread of the host held one of them, nobody will ever open it in this copy. Then
+/// SIGALRM ends this process, and the caller makes another one.
+void CloseSyslogOrEnd()
 {
-	gReport = report;
-	signal(SIGALRM, GiveUp);
 	UnblockSignals();
 	const itimerval patience = {{}, kPatience};
 	const itimerval off = {};
@@ -73,17 +66,12 @@ void CloseSyslogOrGiveUp(int report)
 	tzset();
 	closelog();
 	setitimer(ITIMER_REAL, &off, nullptr);
-	signal(SIGALRM, SIG_DFL);
 }
 
-/// Leaves /dev/null on the three standard descriptors and the report on the next one.
-bool LeaveDescriptors(int report)
+/// Leaves /dev/null on the three standard descriptors, and the report on the next one as the only other.
+bool LeaveDescriptors()
 {
-	// First, as the report may be on one of the other three where the host has closed them. Not close-on-exec, any of
-	// the four: the first three are to stay, and the last one is closed before anything is executed.
-	if (dup2(report, kReportDescriptor) < 0)
-		return false;
-	const int null = open("/dev/null", O_RDWR);
+	const int null = open("/dev/null", O_RDWR); // not close-on-exec: it may be one of the three itself
 	if (null < 0)
 		return false;
 	for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
@@ -98,9 +86,12 @@ bool LeaveDescriptors(int report)
 void BecomeDetached(int report)
 {
 	SetDefaultDispositions();
-	CloseSyslogOrGiveUp(report);
-	if (!LeaveDescriptors(report)) {
-		Send(report, {-1, errno});
+	CloseSyslogOrEnd();
+	// First of all, as it may be on one of the standard descriptors where the host has closed those.
+	if (dup2(report, kReportDescriptor) < 0)
+		_exit(0);
+	if (!LeaveDescriptors()) {
+		Send(kReportDescriptor, {-1, errno});
 		_exit(0);
 	}
 	const pid_t child = fork();
@@ -122,7 +113,7 @@ Report Receive(int fd)
 	do
 		got = read(fd, &report, sizeof(report));
 	while (got < 0 && errno == EINTR);
-	return got == sizeof(report) ? report : Report{-1, EAGAIN};
+	return got == sizeof(report) ? report : kNoReport;
 }
 
 /// Forks once and, in the child, once more. The intermediate is a child that the host sees: only fork() runs the
@@ -222,10 +213,10 @@ bool HasEnded(const Descriptor &process)
 
 pid_t VUNKCProcForkChildNoWait(void)
 {
-	Report report{-1, EDEADLK};
+	Report report = kNoReport;
 	{
 		const vunkc::Uninterrupted uninterrupted;
-		for (int attempt = 0; attempt < kAttempts && report.child < 0 && report.error == EDEADLK; ++attempt)
+		for (int attempt = 0; attempt < kAttempts && report.IsMissing(); ++attempt)
 			report = ForkDetached();
 	}
 	if (report.child == 0)

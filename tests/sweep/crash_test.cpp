@@ -112,7 +112,7 @@ TEST_P(Crash, LeavesTheOldFileOrTheNew)
 	const char *only = getenv("ZEVOTUNED_SWEEP_AT");
 	int n = only != nullptr ? atoi(only) : 1;
 	for (;; ++n) {
-		SCOPED_TRACE(GetParam().name + ", killed at change " + std::to_string(n));
+		SCOPED_TRACE(testing::Message() << GetParam().name << ", killed at change " << n);
 		ASSERT_LT(n, 200);
 		Prepare();
 		const bool killed = KilledAt(n);

@@ -112,7 +112,7 @@ protected:
 	bool RunPosition(kit::Calls calls, int n, std::string &transcript)
 	{
 		const Scenario &scenario = GetParam();
-		SCOPED_TRACE(scenario.name + ", position " + std::to_string(n));
+		SCOPED_TRACE(testing::Message() << scenario.name << ", position " << n);
 		kit::FreshMachine();
 		scenario.prepare();
 		VUNKCErrSetEx(0, "", 0);
@@ -165,7 +165,7 @@ protected:
 			ASSERT_LT(n++, 2000) << "it never passes";
 		transcript = Abbreviated(transcript);
 		RecordProperty("positions", n - 1);
-		const std::string path = std::string(SWEEP_EXPECTED) + "/" + GetParam().name + "." + kind + ".txt";
+		const std::string path = fs::path(SWEEP_EXPECTED) / (GetParam().name + '.' + kind + ".txt");
 		if (getenv("ZEVOTUNED_SWEEP_WRITE") != nullptr)
 			kit::WriteFile(path, transcript);
 		EXPECT_EQ(transcript, kit::ReadFile(path)) << path;

@@ -13,6 +13,7 @@ import stat
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 
 MARKER = "/run/zevotuned-lab"
@@ -53,6 +54,19 @@ def write(path, text):
 def read(path):
     with open(path, "rb") as file:
         return file.read()
+
+
+def runs(command):
+    """Whether a process of this command line runs."""
+    line = "\0".join(command).encode() + b"\0"
+    for pid in filter(str.isdigit, os.listdir("/proc")):
+        try:
+            with open(f"/proc/{pid}/cmdline", "rb") as file:
+                if file.read() == line:
+                    return True
+        except OSError:
+            pass  # it has ended
+    return False
 
 
 def parameter(name):
@@ -152,6 +166,23 @@ class Machine(unittest.TestCase):
         self.assertEqual((err, out, status), (f"zevotune: {line}\n", "", 1))
         if not touching:
             self.assertEqual(tree(), before)
+
+    def change_half_way(self, arguments, change):
+        """Makes a change while the tool applies a global profile. Returns what it printed and its exit status."""
+        os.mkfifo(PARAMETERS + "/pipe")
+        profile(SHIPPED_GLOBAL + "/g", "g", "", "vm.pipe = 1\n")
+        started = subprocess.Popen(self.command(arguments, "root"), stdin=subprocess.DEVNULL,
+                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        self.addCleanup(started.kill)
+        # sysctl, which takes its argument apart in place, waits for somebody to read from the pipe, and the tool for sysctl.
+        deadline = time.monotonic() + 60
+        while not runs(["/sbin/sysctl", "-we", "vm.pipe", "1"]):
+            self.assertLess(time.monotonic(), deadline)
+            time.sleep(0.005)
+        change()
+        self.assertEqual(read(PARAMETERS + "/pipe"), b"1\n")
+        out, err = started.communicate(timeout=60)
+        return err, out, started.returncode
 
     def configure(self, **pairs):
         write(CONFIG, "".join(f"{key} = {value}\n" for key, value in (DEFAULTS | pairs).items()))
@@ -565,19 +596,9 @@ class Set(Machine):
                    f"it is not selected{SEE_LOG}", "set", "performance_latency")
 
     def test_failure_half_way_says_what_is_selected(self):
-        # sysctl waits for a reader of the pipe, and the file is broken meanwhile.
-        os.mkfifo(PARAMETERS + "/pipe")
         base = profile(LOCAL + "/base", "base", "", "vm.swappiness = 77\n")
-        profile(SHIPPED_GLOBAL + "/g", "g", "", "vm.pipe = 1\n")
         profile(LOCAL + "/x", "x", "inherit = base\n")
-        started = subprocess.Popen(self.command(["set", "x"], "root"), stdin=subprocess.DEVNULL,
-                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-        self.addCleanup(started.kill)
-        with open(PARAMETERS + "/pipe", "rb") as pipe:
-            write(base, "nonsense\n")
-            self.assertEqual(pipe.read(), b"1\n")
-        out, err = started.communicate(timeout=60)
-        self.assertEqual((err, out, started.returncode), (
+        self.assertEqual(self.change_half_way(["set", "x"], lambda: write(base, "nonsense\n")), (
             f"zevotune: cannot set \"x\": {base}:1{BrokenFile.SYNTAX}; it is selected, but perhaps applied in part"
             f"{SEE_LOG}\n", "", 1))
         self.prints("x\n", "current")
@@ -612,17 +633,8 @@ class Apply(Machine):
 
     def test_failure_half_way(self):
         self.configure(profile="x")
-        os.mkfifo(PARAMETERS + "/pipe")
         path = profile(LOCAL + "/x", "x", "", "vm.swappiness = 77\n")
-        profile(SHIPPED_GLOBAL + "/g", "g", "", "vm.pipe = 1\n")
-        started = subprocess.Popen(self.command(["apply"], "root"), stdin=subprocess.DEVNULL,
-                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-        self.addCleanup(started.kill)
-        with open(PARAMETERS + "/pipe", "rb") as pipe:
-            os.remove(path)
-            self.assertEqual(pipe.read(), b"1\n")
-        out, err = started.communicate(timeout=60)
-        self.assertEqual((err, out, started.returncode), (
+        self.assertEqual(self.change_half_way(["apply"], lambda: os.remove(path)), (
             f"zevotune: cannot apply \"x\": {path} has just been removed; try again; perhaps it is applied in part"
             f"{SEE_LOG}\n", "", 1))
 
