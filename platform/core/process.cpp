@@ -187,6 +187,7 @@ std::optional<ProcessStat> ReadProcessStat(const char *path)
 	const char *const name = strrchr(text, ')');
 	ProcessStat stat;
 	if (name == nullptr ||
+	    // NOLINTNEXTLINE(cert-err34-c): the kernel's numbers fit
 	    sscanf(name + 1, " %c %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %*s %ld %*s %llu",
 	           &stat.state, &stat.threads, &stat.startTime) != 3)
 		return std::nullopt;

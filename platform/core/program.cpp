@@ -24,6 +24,7 @@
 
 // clone() by the name that sanitizers leave alone. They take a clone for a fork and reset their state in the child,
 // which here is the state of the host.
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): it is the C library's
 extern "C" int __clone(int (*fn)(void *), void *stack, int flags, void *argument, ...);
 
 namespace {
@@ -118,7 +119,7 @@ public:
 	Outcome *Result() const { return static_cast<Outcome *>(Top()); }
 
 private:
-	static constexpr size_t kSize = 64 * 1024;
+	static constexpr size_t kSize = size_t{64} * 1024;
 	static constexpr size_t kForOutcome = 64; // keeps the top aligned for every architecture
 	static_assert(sizeof(Outcome) <= kForOutcome);
 
@@ -200,6 +201,16 @@ int RunForStatus(const char *program, char *const *arguments)
 	return VUNKC_FAIL(WIFEXITED(status) ? -WEXITSTATUS(status) : -(128 + WTERMSIG(status)), VUNKC_ERR_EXIT_STATUS);
 }
 
+/// The program's name and the strings of a list up to the null that ends it, which is the last element.
+std::vector<const char *> Arguments(const char *program, va_list list)
+{
+	std::vector<const char *> arguments{program};
+	do
+		arguments.push_back(va_arg(list, const char *)); // NOLINT(clang-analyzer-valist.Uninitialized)
+	while (arguments.back() != nullptr);
+	return arguments;
+}
+
 } // namespace
 
 int VUNKCExec(const char *szProgram, const char *szArg1, const char *szArg2, const char *szArg3, const char *szArg4)
@@ -219,10 +230,7 @@ int VUNKCExecl(const char *szProgram, int iFlags, ...)
 	va_list list;
 	va_start(list, iFlags);
 	const int result = VUNKC_GUARD(-1, [&] {
-		std::vector<const char *> arguments{szProgram};
-		do
-			arguments.push_back(va_arg(list, const char *));
-		while (arguments.back() != nullptr);
+		const std::vector<const char *> arguments = Arguments(szProgram, list);
 		return RunForStatus(szProgram, const_cast<char *const *>(arguments.data()));
 	});
 	va_end(list);

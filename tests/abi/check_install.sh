@@ -29,7 +29,7 @@ export PKG_CONFIG_PATH=$libdir/pkgconfig
 check "$work/select_c"
 check "$work/list_cpp"
 
-cmake -S "$consumer" -B "$work/build" -DCMAKE_PREFIX_PATH="$work/prefix" -DCMAKE_C_COMPILER="$cc" \
+cmake -S "$consumer" -B "$work/build" -G Ninja -DCMAKE_PREFIX_PATH="$work/prefix" -DCMAKE_C_COMPILER="$cc" \
 	-DCMAKE_CXX_COMPILER="$cxx" >/dev/null
 cmake --build "$work/build" >/dev/null
 check "$work/build/select_c"

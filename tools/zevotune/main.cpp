@@ -8,7 +8,6 @@
 
 #include <cstdio>
 #include <functional>
-#include <new>
 #include <string>
 #include <vector>
 
@@ -124,18 +123,12 @@ int RunCommand(const std::function<void()> &command)
 		return 0;
 	} catch (const Failure &failure) {
 		Complain(failure.what());
-	} catch (const std::bad_alloc &) {
-		Complain("memory has run out");
 	}
 	return kFailed;
 }
 
-} // namespace
-
-int main(int argc, char **argv)
+int ParseAndRun(int argc, char **argv)
 {
-	openlog("zevotune", LOG_PID, LOG_USER);
-
 	Request request;
 	CLI::App tool("Selects and applies performance profiles of the storage stack.", "zevotune");
 	AddCommands(tool, request);
@@ -148,4 +141,17 @@ int main(int argc, char **argv)
 		return kWrongUsage;
 	}
 	return RunCommand(request.command);
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+	openlog("zevotune", LOG_PID, LOG_USER);
+	try {
+		return ParseAndRun(argc, argv);
+	} catch (...) {
+		fputs("zevotune: memory has run out\n", stderr);
+		return kFailed;
+	}
 }

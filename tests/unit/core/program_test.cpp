@@ -406,9 +406,13 @@ TEST_F(Program, NothingOfAKilledHostLivesOn)
 {
 	Meeting intermediate(dir.Path("intermediate"));
 	Meeting go(dir.Path("go"));
+	Meeting done(dir.Path("done"));
 	const pid_t host = fork();
 	if (host == 0)
-		_exit(Shell("echo $PPID >" + intermediate.Path() + "; read line <" + go.Path()) == 0 ? 0 : 1);
+		_exit(Shell("echo $PPID >" + intermediate.Path() + "; read line <" + go.Path() + "; echo $line >" +
+		            done.Path()) == 0
+		              ? 0
+		              : 1);
 	const pid_t pid = std::atoi(intermediate.Line().c_str());
 	ASSERT_GT(pid, 1);
 	EXPECT_NE(pid, host);
@@ -416,6 +420,8 @@ TEST_F(Program, NothingOfAKilledHostLivesOn)
 	waitpid(host, nullptr, 0);
 	EXPECT_TRUE(Ends(pid));
 	EXPECT_TRUE(Meeting::Say(go.Path(), "go"));
+	// The program itself lives on, and has to have met us before the pipe goes.
+	EXPECT_EQ(done.Line(), "go");
 }
 
 } // namespace
