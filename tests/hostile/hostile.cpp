@@ -3,6 +3,8 @@
 //
 // Everything else is the real core library's; the functions that take a hash or a list get one of the real library's.
 
+#include "kit/real.h"
+
 #include <vunkcore/vunkcore.h>
 
 #include <cstdlib>
@@ -10,21 +12,11 @@
 #include <string>
 #include <vector>
 
-#include <dlfcn.h>
 #include <sys/mman.h>
 
 namespace {
 
-template <class Function>
-Function *Real(const char *name)
-{
-	void *symbol = dlsym(RTLD_NEXT, name);
-	if (symbol == nullptr)
-		abort();
-	return reinterpret_cast<Function *>(symbol);
-}
-
-#define REAL(function) Real<decltype(function)>(#function)
+#define REAL(function) kit::Real<decltype(function)>(#function)
 
 using Strings = std::vector<std::string>;
 

@@ -1,6 +1,7 @@
 #include "kit/faults.h"
 
 #include "kit/nth_call.h"
+#include "kit/real.h"
 
 #include <vunkcore/vunkcore.h>
 
@@ -11,7 +12,6 @@
 #include <stdexcept>
 #include <string_view>
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/sysinfo.h>
@@ -81,24 +81,15 @@ T Failing(T result)
 	return result;
 }
 
-template <class Function>
-Function *Real(const char *name)
-{
-	void *symbol = dlsym(RTLD_NEXT, name);
-	if (symbol == nullptr)
-		abort();
-	return reinterpret_cast<Function *>(symbol);
-}
-
 } // namespace
 
 // The body of a function that fails when its turn has come and is the real one otherwise.
-#define PASS_ON(failure, function, ...)                                       \
-	do {                                                                  \
-		static const auto real = Real<decltype(function)>(#function); \
-		if (Strikes(kit::Calls::Platform, #function))                 \
-			return Failing(failure);                              \
-		return real(__VA_ARGS__);                                     \
+#define PASS_ON(failure, function, ...)                                            \
+	do {                                                                       \
+		static const auto real = kit::Real<decltype(function)>(#function); \
+		if (Strikes(kit::Calls::Platform, #function))                      \
+			return Failing(failure);                                   \
+		return real(__VA_ARGS__);                                          \
 	} while (false)
 
 extern "C" {
@@ -165,7 +156,7 @@ int VUNKCFileLockTimeByFile(const char *szPath, BOOL blExclusive, int iTimeout, 
 
 int VUNKCFileUnlockByFile(int fd)
 {
-	static const auto real = Real<decltype(VUNKCFileUnlockByFile)>("VUNKCFileUnlockByFile");
+	static const auto real = kit::Real<decltype(VUNKCFileUnlockByFile)>("VUNKCFileUnlockByFile");
 	const int result = real(fd);
 	return Strikes(kit::Calls::Platform, "VUNKCFileUnlockByFile") ? Failing(0) : result;
 }
@@ -193,13 +184,13 @@ int VUNKCExec(const char *szProgram, const char *szArg1, const char *szArg2, con
 
 int stat(const char *path, struct stat *status)
 {
-	static const auto real = Real<int(const char *, struct stat *)>("stat");
+	static const auto real = kit::Real<int(const char *, struct stat *)>("stat");
 	return StrikesPath("stat", path) ? -1 : real(path, status);
 }
 
 int mkdir(const char *path, mode_t mode)
 {
-	static const auto real = Real<int(const char *, mode_t)>("mkdir");
+	static const auto real = kit::Real<int(const char *, mode_t)>("mkdir");
 	return StrikesPath("mkdir", path, true) ? -1 : real(path, mode);
 }
 
@@ -212,7 +203,7 @@ int open(const char *path, int flags, ...)
 		mode = va_arg(values, mode_t);
 		va_end(values);
 	}
-	static const auto real = Real<int(const char *, int, ...)>("open");
+	static const auto real = kit::Real<int(const char *, int, ...)>("open");
 	return StrikesPath("open", path, (flags & O_ACCMODE) != O_RDONLY || (flags & O_CREAT) != 0)
 	               ? -1
 	               : real(path, flags, mode);
@@ -220,7 +211,7 @@ int open(const char *path, int flags, ...)
 
 int sysinfo(struct sysinfo *info)
 {
-	static const auto real = Real<int(struct sysinfo *)>("sysinfo");
+	static const auto real = kit::Real<int(struct sysinfo *)>("sysinfo");
 	if (Strikes(kit::Calls::System, "sysinfo"))
 		return -1;
 	if (memory.has_value()) {

@@ -2,6 +2,7 @@
 // turn (nth_call.h). A function that gives something up (close, unlock) does so and then reports the failure.
 
 #include "kit/nth_call.h"
+#include "kit/real.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -9,7 +10,6 @@
 #include <new>
 
 #include <dirent.h>
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
@@ -21,15 +21,6 @@
 #include <unistd.h>
 
 namespace {
-
-template <class Function>
-Function *Real(const char *name)
-{
-	void *symbol = dlsym(RTLD_NEXT, name);
-	if (symbol == nullptr)
-		abort();
-	return reinterpret_cast<Function *>(symbol);
-}
 
 bool Fails(const char *function, int error, bool changesState = false)
 {
@@ -45,7 +36,7 @@ bool Fails(const char *function, int error, bool changesState = false)
 #define SYSTEM_CALL(result, function, parameters, arguments, failure, error, changesState) \
 	result function parameters                                                         \
 	{                                                                                  \
-		static const auto real = Real<result parameters>(#function);               \
+		static const auto real = kit::Real<result parameters>(#function);          \
 		return Fails(#function, error, changesState) ? (failure) : real arguments; \
 	}
 
@@ -71,14 +62,14 @@ SYSTEM_CALL(pid_t, fork, (), (), -1, EAGAIN, false)
 
 int close(int fd)
 {
-	static const auto real = Real<int(int)>("close");
+	static const auto real = kit::Real<int(int)>("close");
 	const int result = real(fd);
 	return Fails("close", EIO) ? -1 : result;
 }
 
 int flock(int fd, int operation)
 {
-	static const auto real = Real<int(int, int)>("flock");
+	static const auto real = kit::Real<int(int, int)>("flock");
 	if (operation == LOCK_UN) {
 		const int result = real(fd, operation);
 		return Fails("flock", EIO) ? -1 : result;
@@ -92,14 +83,14 @@ int openat(int dir, const char *path, int flags, ...)
 	va_start(values, flags);
 	const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(values, mode_t) : 0;
 	va_end(values);
-	static const auto real = Real<int(int, const char *, int, ...)>("openat");
+	static const auto real = kit::Real<int(int, const char *, int, ...)>("openat");
 	return Fails("openat", EMFILE, (flags & O_ACCMODE) != O_RDONLY) ? -1 : real(dir, path, flags, mode);
 }
 
 int posix_spawn(pid_t *pid, const char *path, const posix_spawn_file_actions_t *actions,
                 const posix_spawnattr_t *attributes, char *const arguments[], char *const environment[])
 {
-	static const auto real = Real<decltype(posix_spawn)>("posix_spawn");
+	static const auto real = kit::Real<decltype(posix_spawn)>("posix_spawn");
 	return kit::IsNth(kit::Calls::System, "posix_spawn")
 	               ? EAGAIN
 	               : real(pid, path, actions, attributes, arguments, environment);
@@ -107,7 +98,7 @@ int posix_spawn(pid_t *pid, const char *path, const posix_spawn_file_actions_t *
 
 int __clone(int (*function)(void *), void *stack, int flags, void *argument, ...)
 {
-	static const auto real = Real<int(int (*)(void *), void *, int, void *, ...)>("__clone");
+	static const auto real = kit::Real<int(int (*)(void *), void *, int, void *, ...)>("__clone");
 	return Fails("__clone", EAGAIN) ? -1 : real(function, stack, flags, argument);
 }
 

@@ -1,32 +1,18 @@
+#include "kit/real.h"
+
 #include "replacements.h"
 
 #include <zevotuned/zevotuned.h>
 
 #include <cstdlib>
 
-#include <dlfcn.h>
-
 extern "C" {
 __attribute__((visibility("default"))) Replacements zevotuned_test_replacements = {};
 }
 
-namespace {
-
-// The function that would have been called without this library.
-template <class Function>
-Function *Real(const char *symbol)
-{
-	void *found = dlsym(RTLD_NEXT, symbol);
-	if (found == nullptr)
-		abort();
-	return reinterpret_cast<Function *>(found);
-}
-
-} // namespace
-
 #define REPLACE(member, function, symbol, ...)                                     \
 	do {                                                                       \
-		static const auto real = Real<decltype(function)>(symbol);         \
+		static const auto real = kit::Real<decltype(function)>(symbol);    \
 		const auto replacement = zevotuned_test_replacements.member;       \
 		return (replacement != nullptr ? replacement : real)(__VA_ARGS__); \
 	} while (false)

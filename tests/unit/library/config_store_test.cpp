@@ -4,6 +4,7 @@
 #include "kit/files.h"
 #include "kit/journal.h"
 #include "kit/lab.h"
+#include "kit/real.h"
 
 #include <vunkcore/vunkcore.h>
 
@@ -20,7 +21,6 @@
 #include <utility>
 #include <vector>
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -130,15 +130,6 @@ std::function<void()> whenJudged;
 
 // Where the modes of the locks taken are written down.
 std::vector<BOOL> *lockModes = nullptr;
-
-template <class Function>
-Function *Real(const char *name)
-{
-	void *symbol = dlsym(RTLD_NEXT, name);
-	if (symbol == nullptr)
-		abort();
-	return reinterpret_cast<Function *>(symbol);
-}
 
 // Does something else at the very moment that only another process could choose.
 class Meanwhile {
@@ -1187,7 +1178,7 @@ TEST_F(ConfigStore, LogsTheWholeChainWhenExportingFails)
 
 int TuneConfigIsValid(VUNKSZHASH *pshHash)
 {
-	static const auto real = Real<int(VUNKSZHASH *)>("_Z17TuneConfigIsValidP10VUNKSZHASH");
+	static const auto real = kit::Real<int(VUNKSZHASH *)>("_Z17TuneConfigIsValidP10VUNKSZHASH");
 	if (whenJudged)
 		std::exchange(whenJudged, nullptr)();
 	return real(pshHash);
@@ -1195,7 +1186,7 @@ int TuneConfigIsValid(VUNKSZHASH *pshHash)
 
 int TuneLockConfig(BOOL blExclusive)
 {
-	static const auto real = Real<int(BOOL)>("_Z14TuneLockConfigi");
+	static const auto real = kit::Real<int(BOOL)>("_Z14TuneLockConfigi");
 	if (lockModes != nullptr)
 		lockModes->push_back(blExclusive);
 	return real(blExclusive);
