@@ -27,5 +27,6 @@ option(ZEVOTUNED_COVERAGE "Count what the tests reach (gcc)" OFF)
 if(ZEVOTUNED_COVERAGE)
   # Atomic, as threads count; written by processes that are killed or leave with _exit only as far as they got.
   add_compile_options(--coverage -fprofile-update=atomic -fno-inline)
+  add_link_options(-Wl,--undefined=__gcov_dump)
   add_link_options(--coverage)
 endif()

@@ -2,21 +2,36 @@
 
 #include <atomic>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <new>
 #include <stdexcept>
 
+#include <sys/mman.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 namespace kit {
 namespace {
 
+/// In memory that children share, as a call can be one of theirs.
 struct State {
-	std::atomic<bool> active = false;
+	std::atomic<bool> active;
 	Calls calls;
 	NthCall::Effect effect;
 	std::atomic<int> countdown;
 	bool struck;
-	std::string function;
-} state;
+	char function[64];
+};
+
+// Past the C library's mmap(), which asks here whether it is to fail.
+State &state = []() -> State & {
+	const long shared =
+		syscall(SYS_mmap, nullptr, sizeof(State), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+	if (shared == -1)
+		abort();
+	return *new (reinterpret_cast<void *>(shared)) State{};
+}();
 
 thread_local int uncounted = 0;
 
@@ -30,7 +45,6 @@ NthCall::NthCall(Calls calls, int n, Effect effect)
 	state.effect = effect;
 	state.countdown = n;
 	state.struck = false;
-	state.function.clear();
 	state.active = true;
 }
 
@@ -42,7 +56,7 @@ bool NthCall::Struck() const
 {
 	return state.struck;
 }
-const std::string &NthCall::Function() const
+std::string NthCall::Function() const
 {
 	return state.function;
 }
@@ -55,10 +69,12 @@ bool IsNth(Calls calls, const char *function, bool changesState)
 		return false;
 	if (--state.countdown != 0)
 		return false;
-	if (state.effect == NthCall::Kill)
+	if (state.effect == NthCall::Kill) {
+		state.active = false;
 		kill(getpid(), SIGKILL);
+	}
 	state.struck = true;
-	state.function = function;
+	snprintf(state.function, sizeof(state.function), "%s", function);
 	return true;
 }
 

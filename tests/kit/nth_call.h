@@ -11,7 +11,7 @@ enum class Calls {
 };
 
 /// While the object lives, the nth call of a kind fails (n from 1), or, with `Kill`, is the last thing that the process
-/// does not do. Objects do not nest.
+/// does not do. Calls of children that it forks meanwhile count as well. Objects do not nest.
 class NthCall {
 public:
 	enum Effect { Fail, Kill };
@@ -23,7 +23,7 @@ public:
 
 	/// Whether the nth call was made, and which function it was.
 	bool Struck() const;
-	const std::string &Function() const;
+	std::string Function() const;
 };
 
 /// What an interposed function asks first: whether it is to fail now. The function of a system call that changes nothing

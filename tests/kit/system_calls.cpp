@@ -12,6 +12,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
 #include <sched.h>
 #include <spawn.h>
 #include <sys/file.h>
@@ -59,6 +60,14 @@ SYSTEM_CALL(dirent *, readdir, (DIR * dir), (dir), nullptr, EIO, false)
 SYSTEM_CALL(int, pipe2, (int ends[2], int flags), (ends, flags), -1, EMFILE, false)
 SYSTEM_CALL(int, dup2, (int from, int to), (from, to), -1, EMFILE, false)
 SYSTEM_CALL(pid_t, fork, (), (), -1, EAGAIN, false)
+SYSTEM_CALL(pid_t, waitpid, (pid_t pid, int *status, int flags), (pid, status, flags), -1, EINTR, false)
+SYSTEM_CALL(int, poll, (pollfd * fds, nfds_t count, int timeout), (fds, count, timeout), -1, EINTR, false)
+SYSTEM_CALL(int, kill, (pid_t pid, int number), (pid, number), -1, EPERM, false)
+SYSTEM_CALL(int, pidfd_open, (pid_t pid, unsigned flags), (pid, flags), -1, EMFILE, false)
+SYSTEM_CALL(int, pidfd_send_signal, (int fd, int number, siginfo_t *info, unsigned flags), (fd, number, info, flags),
+            -1, EPERM, false)
+SYSTEM_CALL(void *, mmap, (void *at, size_t size, int protection, int flags, int fd, off_t offset),
+            (at, size, protection, flags, fd, offset), MAP_FAILED, ENOMEM, false)
 
 int close(int fd)
 {

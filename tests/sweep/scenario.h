@@ -21,7 +21,8 @@ inline void PrintTo(const Scenario &scenario, std::ostream *out)
 	*out << scenario.name;
 }
 
-/// The scenarios of the profile half. A new one is one more row.
+/// The scenarios, of the core library and of the profile half. A new one is one more row.
+std::vector<Scenario> CoreScenarios();
 std::vector<Scenario> ProfileScenarios();
 
 #endif

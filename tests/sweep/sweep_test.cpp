@@ -168,7 +168,10 @@ protected:
 		const std::string path = fs::path(SWEEP_EXPECTED) / (GetParam().name + '.' + kind + ".txt");
 		if (getenv("ZEVOTUNED_SWEEP_WRITE") != nullptr)
 			kit::WriteFile(path, transcript);
-		EXPECT_EQ(transcript, kit::ReadFile(path)) << path;
+		// A build that counts what is reached makes calls of its own.
+		if (getenv("ZEVOTUNED_SWEEP_UNCOMPARED") == nullptr) {
+			EXPECT_EQ(transcript, kit::ReadFile(path)) << path;
+		}
 	}
 };
 
@@ -182,6 +185,8 @@ TEST_P(Sweep, OfSystemCalls)
 	RunAll(kit::Calls::System, "system");
 }
 
+INSTANTIATE_TEST_SUITE_P(Core, Sweep, testing::ValuesIn(CoreScenarios()),
+                         [](const auto &scenario) { return scenario.param.name; });
 INSTANTIATE_TEST_SUITE_P(Profiles, Sweep, testing::ValuesIn(ProfileScenarios()),
                          [](const auto &scenario) { return scenario.param.name; });
 
