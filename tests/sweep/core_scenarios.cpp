@@ -99,6 +99,6 @@ std::vector<Scenario> CoreScenarios()
 		{"pid_file_alive", WithFiles, [] { return VUNKCProcAliveByPidFile(kPidFile.c_str()); }, 1},
 		{"alive", WithFiles, [] { return VUNKCProcAlive(getpid()); }, 1},
 		{"program", WithFiles, RunProgram, 0},
-		{"fork_no_wait", WithFiles, ForkChild, 0},
+		{"fork_no_wait", WithFiles, ForkChild, 0, true},
 	};
 }

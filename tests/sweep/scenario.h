@@ -13,6 +13,9 @@ struct Scenario {
 	std::function<void()> prepare; // on a machine on which the library has never run
 	std::function<int()> call;
 	int result; // of the call when nothing fails
+	// Two processes make its calls at once, in an order that no two runs share: nothing can be written down of it, but
+	// all else holds.
+	bool concurrent = false;
 };
 
 /// How GoogleTest names a scenario in a failure.
