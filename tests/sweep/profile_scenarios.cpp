@@ -73,6 +73,12 @@ void WithMissingParent()
 	kit::Install(kit::kLocalDir, "b", "[sysctl]\nvm.swappiness=7\n[main]\nname=b\ninherit=nobody\n");
 }
 
+void WithBuiltIn()
+{
+	Configured();
+	kit::Install(kit::kShippedDir, "l", "[main]\nname=performance_latency\n[sysctl]\nvm.swappiness=7\n");
+}
+
 int LockAndUnlock()
 {
 	const int fd = TuneLockConfig(1);
@@ -128,5 +134,16 @@ std::vector<Scenario> ProfileScenarios()
 	         [] { return ZEVOGetCurrentProfile(caller->text, sizeof(caller->text)); }, 0},
 		{"run_current_profile", Installed, ZEVORunCurrentProfile, 0},
 		{"list", Installed, [] { return ZEVOProfileList(&caller->list); }, 0},
+		{"config_is_valid", Configured, [] { return TuneConfigIsValid(caller->pair); }, 0},
+		{"check_file", Configured, [] { return CheckFileExist(kit::kConfigFile.c_str()); }, 1},
+		{"check_or_create_dir", Fresh, [] { return CheckOrCreateDir("/run/zevotuned", true); }, 1},
+		{"parameter_write_missing", Fresh, [] { return TuneParameterWrite("/proc/sys/vm/none", "1", 1); }, -1},
+		{"set_profile", WithBuiltIn, [] { return ZEVOSetProfile(1); }, 0},
+		{"set_profile_missing", WithBuiltIn, [] { return ZEVOSetProfile(0); }, -1},
+		{"set_custom_profile_missing", Installed, [] { return ZEVOSetCustomProfile("x"); }, -1},
+		{"set_custom_profile_broken", WithMissingParent, [] { return ZEVOSetCustomProfile("b"); }, -1},
+		{"current_profile_fresh", Fresh,
+	         [] { return ZEVOGetCurrentProfile(caller->text, sizeof(caller->text)); }, 0},
+		{"run_current_profile_gone", Configured, ZEVORunCurrentProfile, -1},
 	};
 }
