@@ -16,8 +16,8 @@
  *    Outputs are as they were after a failure unless a function says otherwise.
  *  - Every failure is logged to syslog at priority LOG_ERR, once per level of the failing call chain, innermost first:
  *    "utils.cpp:120 Failed to find the profile [fast].[0x0000 :0]". The brackets at the end hold the code, file and
- *    line that the error stack (vunkcore/error.h) held at that moment. A success leaves the error stack alone, so a
- *    code found there without a failed call is old.
+ *    line that the error stack (vunkcore/error.h) held at that moment. A success never leaves a code there, but may leave
+ *    an old one.
  *  - The library keeps nothing in memory between calls and has no threads. Any thread may call any function; hashes,
  *    lists and vectors that are passed in must not be used by another thread meanwhile.
  *  - Writing kernel parameters and the configuration takes root.

@@ -1,7 +1,7 @@
 #include "file_replace.h"
 
-#include "descriptor.h"
-#include "internal.h"
+#include "common/descriptor.h"
+#include "common/internal.h"
 #include "text_file.h"
 
 #include <cerrno>

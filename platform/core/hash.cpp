@@ -1,6 +1,6 @@
 #include "hash.h"
 
-#include "internal.h"
+#include "common/internal.h"
 #include "list.h"
 
 #include <new>

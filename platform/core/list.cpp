@@ -1,6 +1,6 @@
 #include "list.h"
 
-#include "internal.h"
+#include "common/internal.h"
 
 #include <algorithm>
 #include <limits>

@@ -1,7 +1,7 @@
 #include <vunkcore/lock_file.h>
 
-#include "descriptor.h"
-#include "internal.h"
+#include "common/descriptor.h"
+#include "common/internal.h"
 
 #include <algorithm>
 #include <cerrno>

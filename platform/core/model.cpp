@@ -1,30 +1,13 @@
 #include <vunkcore/model.h>
 
-#include <vunkcore/error.h>
+#include "common/error_kept.h"
+
 #include <vunkcore/hash.h>
 #include <vunkcore/pair_file.h>
 
-#include <cstring>
 #include <string_view>
 
 namespace {
-
-/// Keeps the calling thread's error as it is now.
-class ErrorKept {
-public:
-	ErrorKept() : code(VUNKCErrGet()), line(VUNKCErrorGetLine())
-	{
-		strncpy(file, VUNKCErrorGetFile(), sizeof(file) - 1);
-	}
-	~ErrorKept() { VUNKCErrSetEx(code, file, line); }
-	ErrorKept(const ErrorKept &) = delete;
-	ErrorKept &operator=(const ErrorKept &) = delete;
-
-private:
-	const int code;
-	const int line;
-	char file[1024] = "";
-};
 
 struct Pairs {
 	Pairs() : hash(VUNKCSzHashAlloc(1024)) {}
@@ -48,6 +31,6 @@ bool Declares(const char *key)
 
 int VUNKCSupportRAID(void)
 {
-	const ErrorKept kept;
+	const vunkc::ErrorKept kept;
 	return Declares("support_raid");
 }

@@ -1,8 +1,8 @@
 #include <vunkcore/pid_file.h>
 
-#include "descriptor.h"
+#include "common/descriptor.h"
 #include "file_replace.h"
-#include "internal.h"
+#include "common/internal.h"
 #include "pidfd.h"
 #include "process.h"
 

@@ -2,7 +2,7 @@
 
 #include <vunkcore/process.h>
 
-#include "internal.h"
+#include "common/internal.h"
 #include "pidfd.h"
 #include "uninterrupted.h"
 

@@ -3,7 +3,7 @@
 
 // What the kernel tells about processes.
 
-#include "descriptor.h"
+#include "common/descriptor.h"
 
 #include <optional>
 

@@ -1,6 +1,6 @@
 #include <vunkcore/process.h>
 
-#include "internal.h"
+#include "common/internal.h"
 #include "uninterrupted.h"
 
 #include <cerrno>

@@ -2,7 +2,7 @@
 
 #include "file_replace.h"
 #include "hash.h"
-#include "internal.h"
+#include "common/internal.h"
 #include "list.h"
 #include "text_file.h"
 

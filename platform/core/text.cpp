@@ -1,6 +1,6 @@
 #include <vunkcore/text.h>
 
-#include "internal.h"
+#include "common/internal.h"
 #include "list.h"
 
 #include <cstring>

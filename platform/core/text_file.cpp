@@ -1,8 +1,8 @@
 #include "text_file.h"
 
-#include "descriptor.h"
+#include "common/descriptor.h"
 #include "hash.h"
-#include "internal.h"
+#include "common/internal.h"
 
 #include <algorithm>
 #include <cstring>

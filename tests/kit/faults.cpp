@@ -15,6 +15,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/sysinfo.h>
+#include <unistd.h>
 
 namespace {
 
@@ -41,6 +42,7 @@ std::optional<Armed> armed;
 std::optional<ArmedPath> armedPath;
 std::optional<Recorder> recorder;
 std::optional<struct sysinfo> memory;
+std::optional<std::vector<std::string>> writes;
 
 template <class State, class... Values>
 void Set(std::optional<State> &state, Values... values)
@@ -50,9 +52,11 @@ void Set(std::optional<State> &state, Values... values)
 	state = State{values...};
 }
 
-bool Strikes(kit::Calls calls, const char *function, bool changesState = false)
+} // namespace
+
+bool kit::Strikes(Calls calls, const char *function, bool changesState)
 {
-	if (kit::IsNth(calls, function, changesState)) {
+	if (IsNth(calls, function, changesState)) {
 		errno = EIO;
 		return true;
 	}
@@ -63,6 +67,8 @@ bool Strikes(kit::Calls calls, const char *function, bool changesState = false)
 	return true;
 }
 
+namespace {
+
 bool StrikesPath(const char *function, const char *path, bool changesState = false)
 {
 	if (Strikes(kit::Calls::System, function, changesState))
@@ -72,6 +78,14 @@ bool StrikesPath(const char *function, const char *path, bool changesState = fal
 	++armedPath->calls;
 	errno = armedPath->error;
 	return true;
+}
+
+std::string PathOf(int fd)
+{
+	char path[4096] = "";
+	const kit::Uncounted uncounted;
+	const std::string link = "/proc/self/fd/" + std::to_string(fd);
+	return readlink(link.c_str(), path, sizeof(path) - 1) < 0 ? "?" : path;
 }
 
 template <class T>
@@ -163,6 +177,8 @@ int VUNKCFileUnlockByFile(int fd)
 
 ssize_t VUNKCWrite(int fd, const void *pBuf, size_t cb)
 {
+	if (writes.has_value())
+		writes->push_back(PathOf(fd) + ": " + std::string(static_cast<const char *>(pBuf), cb));
 	PASS_ON(static_cast<ssize_t>(-1), VUNKCWrite, fd, pBuf, cb);
 }
 
@@ -204,9 +220,12 @@ int open(const char *path, int flags, ...)
 		va_end(values);
 	}
 	static const auto real = kit::Real<int(const char *, int, ...)>("open");
-	return StrikesPath("open", path, (flags & O_ACCMODE) != O_RDONLY || (flags & O_CREAT) != 0)
-	               ? -1
-	               : real(path, flags, mode);
+	if (StrikesPath("open", path, (flags & O_ACCMODE) != O_RDONLY || (flags & O_CREAT) != 0))
+		return -1;
+	if (kit::openInMachine != nullptr)
+		if (const std::optional<int> result = kit::openInMachine(path, flags))
+			return *result;
+	return real(path, flags, mode);
 }
 
 int sysinfo(struct sysinfo *info)
@@ -224,6 +243,8 @@ int sysinfo(struct sysinfo *info)
 } // extern "C"
 
 namespace kit {
+
+std::optional<int> (*openInMachine)(const char *path, int flags) = nullptr;
 
 Fault::Fault(const std::string &function, int nth, int error)
 {
@@ -262,6 +283,21 @@ Programs::~Programs()
 const std::vector<std::string> &Programs::Lines() const
 {
 	return recorder->lines;
+}
+
+Writes::Writes()
+{
+	if (writes.has_value())
+		throw std::logic_error("one at a time");
+	writes.emplace();
+}
+Writes::~Writes()
+{
+	writes.reset();
+}
+const std::vector<std::string> &Writes::Lines() const
+{
+	return *writes;
 }
 
 Memory::Memory(unsigned long totalram, unsigned unitBytes)

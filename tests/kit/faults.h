@@ -4,6 +4,9 @@
 // Failing calls of the platform and of the C library. The test program's own definitions stand before the real ones, so
 // this works on the shipped libraries; while nothing is armed, every call goes through to the real function.
 
+#include "kit/nth_call.h"
+
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,7 +20,7 @@ inline constexpr int kFaultCode = 0xFA17;
 /// Functions: VUNKCSzHashAlloc VUNKCSzHashGetValue VUNKCSzHashSetValue VUNKCSzHashEnumKey VUNKCSzListAlloc
 /// VUNKCSzListPush VUNKCFileGetPair VUNKCFileSetPair VUNKCFileGetSection VUNKCFileEnumSection VUNKCFileEnumDir
 /// VUNKCFileLockTimeByFile VUNKCFileUnlockByFile (which unlocks all the same) VUNKCWrite VUNKCExec; stat mkdir open
-/// sysinfo, with a given errno.
+/// sysinfo, with a given errno; and those of storage.h.
 class Fault {
 public:
 	explicit Fault(const std::string &function, int nth = 1, int error = 5 /* EIO */);
@@ -52,6 +55,18 @@ public:
 	const std::vector<std::string> &Lines() const;
 };
 
+/// While the object lives, what VUNKCWrite is asked to write is written down, "/sys/block/sda/queue/scheduler: none", and
+/// written. Objects do not nest.
+class Writes {
+public:
+	Writes();
+	~Writes();
+	Writes(const Writes &) = delete;
+	Writes &operator=(const Writes &) = delete;
+
+	const std::vector<std::string> &Lines() const;
+};
+
 /// While the object lives, sysinfo reports this much memory, counted in units of unitBytes.
 class Memory {
 public:
@@ -60,6 +75,13 @@ public:
 	Memory(const Memory &) = delete;
 	Memory &operator=(const Memory &) = delete;
 };
+
+/// What an interposed function asks first: whether it is to fail now, in a sweep or by a Fault. Sets errno then.
+bool Strikes(Calls calls, const char *function, bool changesState = false);
+
+/// Paths that a machine (machine.h) opens in place of the kernel: open() asks it, unless null, after a fault. It answers with
+/// a descriptor, with -1 and errno, or with nothing for a path that is none of its own.
+extern std::optional<int> (*openInMachine)(const char *path, int flags);
 
 } // namespace kit
 

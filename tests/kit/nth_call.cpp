@@ -24,13 +24,14 @@ struct State {
 	char function[64];
 };
 
-// Past the C library's mmap(), which asks here whether it is to fail.
-State &state = []() -> State & {
+// Past the C library's mmap(), which asks here whether it is to fail. Null while the constructors of libraries run, which
+// make calls as well.
+State *const state = [] {
 	const long shared =
 		syscall(SYS_mmap, nullptr, sizeof(State), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
 	if (shared == -1)
 		abort();
-	return *new (reinterpret_cast<void *>(shared)) State{};
+	return new (reinterpret_cast<void *>(shared)) State{};
 }();
 
 thread_local int uncounted = 0;
@@ -39,42 +40,42 @@ thread_local int uncounted = 0;
 
 NthCall::NthCall(Calls calls, int n, Effect effect)
 {
-	if (state.active)
+	if (state->active)
 		throw std::logic_error("one at a time");
-	state.calls = calls;
-	state.effect = effect;
-	state.countdown = n;
-	state.struck = false;
-	state.active = true;
+	state->calls = calls;
+	state->effect = effect;
+	state->countdown = n;
+	state->struck = false;
+	state->active = true;
 }
 
 NthCall::~NthCall()
 {
-	state.active = false;
+	state->active = false;
 }
 bool NthCall::Struck() const
 {
-	return state.struck;
+	return state->struck;
 }
 std::string NthCall::Function() const
 {
-	return state.function;
+	return state->function;
 }
 
 bool IsNth(Calls calls, const char *function, bool changesState)
 {
-	if (!state.active || uncounted > 0 || calls != state.calls)
+	if (state == nullptr || !state->active || uncounted > 0 || calls != state->calls)
 		return false;
-	if (state.effect == NthCall::Kill && !changesState)
+	if (state->effect == NthCall::Kill && !changesState)
 		return false;
-	if (--state.countdown != 0)
+	if (--state->countdown != 0)
 		return false;
-	if (state.effect == NthCall::Kill) {
-		state.active = false;
+	if (state->effect == NthCall::Kill) {
+		state->active = false;
 		kill(getpid(), SIGKILL);
 	}
-	state.struck = true;
-	snprintf(state.function, sizeof(state.function), "%s", function);
+	state->struck = true;
+	snprintf(state->function, sizeof(state->function), "%s", function);
 	return true;
 }
 

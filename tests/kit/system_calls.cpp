@@ -1,16 +1,23 @@
 // The C library's functions that enter the kernel for the library and its platform, each of which fails when it is its
 // turn (nth_call.h). A function that gives something up (close, unlock) does so and then reports the failure.
 
+#include "kit/system_calls.h"
+
+#include "kit/machine_ioctl.h"
 #include "kit/nth_call.h"
 #include "kit/real.h"
 
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <new>
+#include <optional>
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/btrfs.h>
+#include <linux/magic.h>
 #include <poll.h>
 #include <signal.h>
 #include <sched.h>
@@ -18,6 +25,7 @@
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -30,6 +38,40 @@ bool Fails(const char *function, int error, bool changesState = false)
 	errno = error;
 	return true;
 }
+
+/// The UUID of a folder that is to look like a Btrfs file system; null for others.
+const std::string *BtrfsUuid(const std::string &path)
+{
+	for (const kit::BtrfsFolder &folder : kit::btrfsFolders)
+		if (folder.path == path)
+			return &folder.uuid;
+	return nullptr;
+}
+
+const std::string *BtrfsUuid(int fd)
+{
+	const kit::Uncounted uncounted;
+	char path[4096] = "";
+	const std::string link = "/proc/self/fd/" + std::to_string(fd);
+	return readlink(link.c_str(), path, sizeof(path) - 1) < 0 ? nullptr : BtrfsUuid(std::string(path));
+}
+
+std::optional<int> AnswerFsInfo(int fd, unsigned long request, void *argument)
+{
+	const std::string *const uuid = request == BTRFS_IOC_FS_INFO ? BtrfsUuid(fd) : nullptr;
+	if (uuid == nullptr)
+		return std::nullopt;
+	std::string digits;
+	for (const char c : *uuid)
+		if (c != '-')
+			digits += c;
+	auto *const info = static_cast<btrfs_ioctl_fs_info_args *>(argument);
+	for (size_t i = 0; i < sizeof(info->fsid); ++i)
+		info->fsid[i] = static_cast<unsigned char>(std::stoul(digits.substr(2 * i, 2), nullptr, 16));
+	return 0;
+}
+
+[[maybe_unused]] const bool answersFsInfo = (kit::ioctlOnVolume = AnswerFsInfo, true);
 
 } // namespace
 
@@ -55,6 +97,8 @@ SYSTEM_CALL(ssize_t, write, (int fd, const void *buffer, size_t size), (fd, buff
 SYSTEM_CALL(int, fstat, (int fd, struct stat *status), (fd, status), -1, EIO, false)
 SYSTEM_CALL(int, fstatat, (int dir, const char *path, struct stat *status, int flags), (dir, path, status, flags), -1,
             EIO, false)
+SYSTEM_CALL(ssize_t, readlink, (const char *path, char *text, size_t size), (path, text, size), -1, EIO, false)
+SYSTEM_CALL(FILE *, fopen, (const char *path, const char *mode), (path, mode), nullptr, EMFILE, false)
 SYSTEM_CALL(DIR *, opendir, (const char *path), (path), nullptr, EMFILE, false)
 SYSTEM_CALL(dirent *, readdir, (DIR * dir), (dir), nullptr, EIO, false)
 SYSTEM_CALL(int, pipe2, (int ends[2], int flags), (ends, flags), -1, EMFILE, false)
@@ -68,6 +112,46 @@ SYSTEM_CALL(int, pidfd_send_signal, (int fd, int number, siginfo_t *info, unsign
             -1, EPERM, false)
 SYSTEM_CALL(void *, mmap, (void *at, size_t size, int protection, int flags, int fd, off_t offset),
             (at, size, protection, flags, fd, offset), MAP_FAILED, ENOMEM, false)
+
+int statfs(const char *path, struct statfs *status) noexcept
+{
+	static const auto real = kit::Real<int(const char *, struct statfs *)>("statfs");
+	if (Fails("statfs", EIO))
+		return -1;
+	const int result = real(path, status);
+	if (result == 0 && BtrfsUuid(std::string(path)) != nullptr)
+		status->f_type = BTRFS_SUPER_MAGIC;
+	return result;
+}
+
+int fstatfs(int fd, struct statfs *status) noexcept
+{
+	static const auto real = kit::Real<int(int, struct statfs *)>("fstatfs");
+	if (Fails("fstatfs", EIO))
+		return -1;
+	const int result = real(fd, status);
+	if (result == 0 && BtrfsUuid(fd) != nullptr)
+		status->f_type = BTRFS_SUPER_MAGIC;
+	return result;
+}
+
+// What getline() is under another name, where a compiler takes it apart.
+ssize_t __getdelim(char **line, size_t *size, int delimiter, FILE *file)
+{
+	static const auto real = kit::Real<ssize_t(char **, size_t *, int, FILE *)>("__getdelim");
+	if (!Fails("getline", EIO))
+		return real(line, size, delimiter, file);
+	constexpr int kErrorSeen = 0x20; // what ferror() looks at
+	file->_flags |= kErrorSeen;
+	return -1;
+}
+
+// By another name, as clang does not let an inline function of the C library be defined anew.
+ssize_t Getline(char **line, size_t *size, FILE *file) __asm__("getline");
+ssize_t Getline(char **line, size_t *size, FILE *file)
+{
+	return __getdelim(line, size, '\n', file);
+}
 
 int close(int fd)
 {
@@ -112,3 +196,9 @@ int __clone(int (*function)(void *), void *stack, int flags, void *argument, ...
 }
 
 } // extern "C"
+
+namespace kit {
+
+constinit std::vector<BtrfsFolder> btrfsFolders; // libraries' constructors look at file systems as well
+
+} // namespace kit

@@ -16,6 +16,9 @@ struct Scenario {
 	// Two processes make its calls at once, in an order that no two runs share: nothing can be written down of it, but
 	// all else holds.
 	bool concurrent = false;
+	std::vector<std::string> watched = {}; // further folders whose files it may change
+	std::function<void()> check = {};      // what holds on the machine, whatever fails
+	std::function<void()> finish = {};     // gives the machine back
 };
 
 /// How GoogleTest names a scenario in a failure.
@@ -24,8 +27,9 @@ inline void PrintTo(const Scenario &scenario, std::ostream *out)
 	*out << scenario.name;
 }
 
-/// The scenarios, of the core library and of the profile half. A new one is one more row.
+/// The scenarios, of the core library, of the profile half and of the storage. A new one is one more row.
 std::vector<Scenario> CoreScenarios();
 std::vector<Scenario> ProfileScenarios();
+std::vector<Scenario> StorageScenarios();
 
 #endif

@@ -32,10 +32,12 @@ namespace fs = std::filesystem;
 using Files = std::map<std::string, std::string>;
 
 /// Everything that the library may write, by path.
-Files Snapshot()
+Files Snapshot(const std::vector<std::string> &watched)
 {
 	Files files;
-	for (const char *root : {"/usr/zevo/etc", "/run/lock", "/run/zevotuned", "/proc/sys/vm"}) {
+	std::vector<std::string> roots = {"/usr/zevo/etc", "/run/lock", "/run/zevotuned", "/proc/sys/vm"};
+	roots.insert(roots.end(), watched.begin(), watched.end());
+	for (const std::string &root : roots) {
 		if (!fs::exists(root))
 			continue;
 		for (const auto &entry : fs::recursive_directory_iterator(root))
@@ -108,6 +110,13 @@ std::string Abbreviated(const std::string &transcript)
 
 class Sweep : public kit::LabTest, public testing::WithParamInterface<Scenario> {
 protected:
+	void TearDown() override
+	{
+		if (GetParam().finish)
+			GetParam().finish();
+		LabTest::TearDown();
+	}
+
 	/// Runs the scenario with its nth call failing; false when it makes fewer calls.
 	bool RunPosition(kit::Calls calls, int n, std::string &transcript)
 	{
@@ -116,7 +125,7 @@ protected:
 		kit::FreshMachine();
 		scenario.prepare();
 		VUNKCErrSetEx(0, "", 0);
-		const Files before = Snapshot();
+		const Files before = Snapshot(scenario.watched);
 		const auto openBefore = kit::OpenDescriptors();
 		const kit::Journal journal;
 		int result;
@@ -128,9 +137,11 @@ protected:
 			struck = nth.Struck();
 			function = nth.Function();
 		}
-		const std::string difference = Difference(before, Snapshot());
+		const std::string difference = Difference(before, Snapshot(scenario.watched));
 		EXPECT_EQ(kit::OpenDescriptors(), openBefore);
 		EXPECT_EQ(kit::Children(), 0);
+		if (scenario.check)
+			scenario.check();
 		EXPECT_TRUE(IsUnlocked(kit::kConfigLock));
 		EXPECT_FALSE(fs::exists("/usr/zevo/etc/zevotuned/.config.new") && !function.starts_with("unlinkat"));
 		if (!struck) {
@@ -190,6 +201,8 @@ TEST_P(Sweep, OfSystemCalls)
 INSTANTIATE_TEST_SUITE_P(Core, Sweep, testing::ValuesIn(CoreScenarios()),
                          [](const auto &scenario) { return scenario.param.name; });
 INSTANTIATE_TEST_SUITE_P(Profiles, Sweep, testing::ValuesIn(ProfileScenarios()),
+                         [](const auto &scenario) { return scenario.param.name; });
+INSTANTIATE_TEST_SUITE_P(Storage, Sweep, testing::ValuesIn(StorageScenarios()),
                          [](const auto &scenario) { return scenario.param.name; });
 
 } // namespace

@@ -3,8 +3,11 @@
 #include "support/boundary.h"
 #include "support/check.h"
 #include "support/text_buffer.h"
+#include "utils/apply/disk.h"
+#include "utils/apply/raid.h"
 #include "utils/apply/section.h"
 #include "utils/apply/sysctl.h"
+#include "utils/apply/volume.h"
 #include "utils/profile_catalogue.h"
 #include "utils/profile_file.h"
 
@@ -38,22 +41,38 @@ int ApplyMain(const SectionPlace &place)
 	return 0;
 }
 
+enum class Match { Exact, Prefix };
+
 struct SectionHandler {
 	std::string_view name;
+	Match match;
 	int (*apply)(const SectionPlace &place);
 	void (*logFailure)(const char *szPath);
 };
 
 constexpr SectionHandler kHandlers[] = {
-	{"main", ApplyMain, [](const char *szPath) { LOG_ERROR("Failed to Apply Profile [%s] Main", szPath); }},
-	{"sysctl", TuneApplySysctlSection,
+	{"main", Match::Exact, ApplyMain,
+         [](const char *szPath) { LOG_ERROR("Failed to Apply Profile [%s] Main", szPath); }},
+	{"volume", Match::Exact, TuneApplyVolumeSection,
+         [](const char *szPath) { LOG_ERROR("Failed to Apply Profile [%s] Volume", szPath); }},
+	{"sysctl", Match::Exact, TuneApplySysctlSection,
          [](const char *szPath) { LOG_ERROR("Failed to Apply Profile [%s] Sysctl", szPath); }},
+	// The handler knows which of these names stand for levels.
+	{"raid_cfq", Match::Prefix, TuneApplyRaidSection,
+         [](const char *szPath) { LOG_ERROR("Failed to Apply Profile [%s] Raid", szPath); }},
+	{"disk", Match::Exact, TuneApplyDiskSection,
+         [](const char *szPath) { LOG_ERROR("Failed to Apply Profile [%s] Disk", szPath); }},
 };
+
+bool IsFor(const SectionHandler &handler, std::string_view section)
+{
+	return handler.match == Match::Prefix ? section.starts_with(handler.name) : section == handler.name;
+}
 
 int ApplySection(const SectionPlace &place)
 {
 	for (const SectionHandler &handler : kHandlers) {
-		if (place.szSection != handler.name)
+		if (!IsFor(handler, place.szSection))
 			continue;
 		if (handler.apply(place) != 0) {
 			handler.logFailure(place.szPath);

@@ -4,6 +4,7 @@
 #include "kit/files.h"
 #include "kit/journal.h"
 #include "kit/lab.h"
+#include "kit/storage.h"
 
 #include <vunkcore/error.h>
 
@@ -57,10 +58,23 @@ TEST_F(ApplyFile, NeedsNeitherANameNorAPlaceInTheCatalogue)
 
 TEST_F(ApplyFile, IgnoresSectionsThatNobodyHandles)
 {
-	EXPECT_EQ(Apply("[main]\n[Disk]\na=1\n[SYSCTL]\nb=2\n[volume2]\nc=3\n[Main]\ninherit=x\n[sysctl2]\nd=4\n"
-	                "[sys]\ne=5\n[notes]\nf=6\n[sysctl]\nvm.swappiness=1\n"),
+	const kit::FakeStorage storage;
+	EXPECT_EQ(Apply("[main]\n[Disk]\na=1\n[SYSCTL]\nb=2\n[volume2]\nzevo_writeback_thread_max=3\n"
+	                "[Main]\ninherit=x\n[sysctl2]\nd=4\n[sys]\ne=5\n[notes]\nf=6\n[DISK]\ng=7\n[disks]\nh=8\n"
+	                "[Volume]\nzevo_writeback_thread_max=9\n[raid]\ni=10\n[RAID_CFQ_1]\nj=11\n"
+	                "[sysctl]\nvm.swappiness=1\n"),
 	          0);
 	EXPECT_EQ(programs.Lines(), Lines{kRun + "vm.swappiness=1"});
+	EXPECT_EQ(storage.calls, Lines{});
+	EXPECT_EQ(journal.Lines(), Lines{});
+}
+
+TEST_F(ApplyFile, HandsEverySectionForRaidOnWhateverTheNameEndsWith)
+{
+	const kit::FakeStorage storage;
+	EXPECT_EQ(Apply("[main]\n[raid_cfq]\na=1\n[raid_cfqX]\na=1\n[raid_cfq_1]\na=1\nb=2\n"), 0);
+	EXPECT_EQ(storage.calls, (Lines{"RAIDInfoEnum", "VUNKCSupportRAID", "RAIDInfoEnum", "VUNKCSupportRAID",
+	                                "RAIDInfoEnum", "VUNKCSupportRAID", "RAIDInfoEnum", "VUNKCSupportRAID"}));
 	EXPECT_EQ(journal.Lines(), Lines{});
 }
 

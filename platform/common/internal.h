@@ -1,7 +1,7 @@
-#ifndef PLATFORM_CORE_INTERNAL_H
-#define PLATFORM_CORE_INTERNAL_H
+#ifndef PLATFORM_COMMON_INTERNAL_H
+#define PLATFORM_COMMON_INTERNAL_H
 
-// What every file of the core library shares: failing, and keeping exceptions inside.
+// What every file of the platform libraries shares: failing, and keeping exceptions inside.
 
 #include <vunkcore/error.h>
 

@@ -1,5 +1,5 @@
-#ifndef PLATFORM_CORE_DESCRIPTOR_H
-#define PLATFORM_CORE_DESCRIPTOR_H
+#ifndef PLATFORM_COMMON_DESCRIPTOR_H
+#define PLATFORM_COMMON_DESCRIPTOR_H
 
 #include <cerrno>
 #include <utility>

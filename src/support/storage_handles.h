@@ -1,0 +1,18 @@
+#ifndef SUPPORT_STORAGE_HANDLES_H
+#define SUPPORT_STORAGE_HANDLES_H
+
+// Owners of the storage library's lists.
+
+#include "support/handles.h"
+
+#include <zevostorage/disk.h>
+#include <zevostorage/mount.h>
+#include <zevostorage/raid.h>
+#include <zevostorage/space.h>
+
+using VolumeList = Handle<ZEVOMOUNTVOL, ZEVOMountVolInfoFree>;
+using SpaceList = Handle<ZEVOSPACEINFO, ZEVOSpaceInfoFree>;
+using ArrayList = Handle<RAIDLIST, RAIDListFree>;
+using DiskList = Handle<DISKINFO, DiskInfoEnumFree>;
+
+#endif
