@@ -5,6 +5,7 @@ The environment variable ZEVOTUNE holds the tool's path. Runs as root inside of 
 """
 
 import fcntl
+import glob
 import json
 import os
 import re
@@ -39,8 +40,8 @@ DEFAULTS = {
     "btrfs_metadata_cache_space_usage_limit": "100",
     "btrfs_metadata_cache_read_throttle_wait_mult": "0",
 }
-COMMANDS = [["list"], ["current"], ["set"], ["apply"], ["config"], ["config", "get"], ["config", "set"],
-            ["config", "list"]]
+COMMANDS = [["list"], ["current"], ["set"], ["apply"], ["devices"], ["config"], ["config", "get"],
+            ["config", "set"], ["config", "list"]]
 SEE_LOG = " (the whole chain is in the system's log: journalctl -t zevotune)"
 
 
@@ -103,7 +104,7 @@ class Machine(unittest.TestCase):
         os.chmod(cls.public, 0o755)
         shutil.copy(cls.tool, cls.public + "/zevotune")
         libraries = subprocess.run(["ldd", cls.tool], check=True, capture_output=True, text=True).stdout
-        for path in re.findall(r"=> (\S*/lib(?:zevotuned|vunkcore)\.so\S*)", libraries):
+        for path in re.findall(r"=> (\S*/lib(?:zevotuned|zevostorage|vunkcore)\.so\S*)", libraries):
             shutil.copy(path, cls.public)
         os.chmod(cls.public + "/zevotune", 0o755)
 
@@ -206,7 +207,7 @@ class Usage(Machine):
         text = self.succeeds("--help")
         self.assertEqual(self.succeeds("-h"), text)
         self.assertIn("Usage: zevotune [OPTIONS] SUBCOMMAND\n", text)
-        for name in ["list", "current", "set", "apply", "config"]:
+        for name in ["list", "current", "set", "apply", "devices", "config"]:
             self.assertRegex(text, rf"\n  {name} +\S")
         for part in [SHIPPED, LOCAL, SHIPPED_GLOBAL, LOCAL_GLOBAL, "journalctl -t zevotune", "--json", "--version"]:
             self.assertIn(part, text)
@@ -834,6 +835,335 @@ class Config(Machine):
             fcntl.flock(lock, fcntl.LOCK_EX)
             self.fails(f"cannot read the configuration: another program has held the lock {LOCK} for 5 seconds; "
                        "try again", "config", "list")
+
+
+class Hardware:
+    """A /sys, a /dev and a table of mounts, as the kernel lays them out."""
+
+    # Where disks of each bus are, and the bus's own name.
+    PLACES = {"sata": ("pci0/ata1/host0/target0/{}:0/block", "scsi"),
+              "usb": ("pci0/usb1/host9/target9/{}:0/block", "scsi"), "nvme": ("pci0/nvme/{}c", "nvme")}
+
+    def __init__(self, folder):
+        self.sys = folder + "/sys"
+        self.dev = folder + "/dev"
+        for path in ["/block", "/class/block", "/dev/block", "/fs/btrfs", "/devices"]:
+            os.makedirs(self.sys + path)
+        os.makedirs(self.dev + "/mapper")
+        write(self.dev + "/mapper/control", "")
+        os.chmod(self.dev + "/mapper/control", 0o600)
+        self.mountinfo = write(folder + "/mountinfo", "20 1 0:5 / / rw - tmpfs tmpfs rw\n")
+        self.number = 0
+
+    def attribute(self, device, name, text):
+        return write(f"{self.sys}/class/block/{device}/{name}", text + "\n")
+
+    def link(self, path, target):
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        os.symlink(os.path.relpath(target, os.path.realpath(os.path.dirname(path))), path)
+
+    def device(self, name, folder, whole=True):
+        self.number += 1
+        os.makedirs(folder)
+        for index in ["class/block/" + name, f"dev/block/8:{self.number}"] + ["block/" + name] * whole:
+            self.link(f"{self.sys}/{index}", folder)
+        self.attribute(name, "dev", f"8:{self.number}")
+        self.attribute(name, "size", "1024")
+
+    def disk(self, name, bus, rotational, schedulers, tunables="", partitions=0):
+        place, subsystem = self.PLACES[bus]
+        folder = f"{self.sys}/devices/" + place.format(name)
+        self.device(name, f"{folder}/{name}")
+        device = folder.removesuffix("/block")
+        self.link(f"{folder}/{name}/device", device)
+        self.link(device + "/subsystem", f"{self.sys}/bus/{subsystem}")
+        write(device + "/type", "0\n")
+        self.attribute(name, "queue/rotational", rotational)
+        self.attribute(name, "queue/scheduler", schedulers)
+        for tunable in tunables.split():
+            self.attribute(name, "queue/iosched/" + tunable, "1")
+        for i in range(1, partitions + 1):
+            self.device(f"{name}{i}", f"{folder}/{name}/{name}{i}", whole=False)
+            self.attribute(f"{name}{i}", "partition", str(i))
+
+    def virtual(self, name, slaves):
+        self.device(name, f"{self.sys}/devices/virtual/block/{name}")
+        for slave in slaves:
+            self.link(f"{self.sys}/class/block/{name}/slaves/{slave}", f"{self.sys}/class/block/{slave}")
+
+    def array(self, name, level, count, members, state="clean"):
+        self.virtual(name, members)
+        self.attribute(name, "md/level", level)
+        self.attribute(name, "md/raid_disks", count)
+        self.attribute(name, "md/array_state", state)
+
+    def mapped(self, name, people, slaves):
+        self.virtual(name, slaves)
+        self.attribute(name, "dm/name", people)
+
+    def mount(self, path, file_system, source, number, uuid=None):
+        with open(self.mountinfo, "a", encoding="utf-8") as table:
+            table.write(f"{21 + self.number} 20 {number} / {path} rw - {file_system} {source} rw\n")
+        self.number += 1
+        if uuid:
+            device = os.path.basename(source)
+            for path in glob.glob(f"{self.sys}/class/block/*/dm/name"):
+                if read(path).decode() == device + "\n":
+                    device = path.split("/")[-3]
+            self.link(f"{self.sys}/fs/btrfs/{uuid}/devices/{device}", f"{self.sys}/class/block/{device}")
+
+
+class Devices(Machine):
+    UUID = "01234567-89ab-cdef-0123-456789abcdef"
+    TUNABLES = "async_depth fifo_batch front_merges prio_aging_expire read_expire write_expire writes_starved"
+    MOUNTED = ('mount --bind "$1" /sys && mount --bind "$2" /dev && mount --bind "$3" /proc/$$/task/$$/mountinfo && '
+               'shift 3 && exec "$@"')
+
+    def setUp(self):
+        super().setUp()
+        self.locale = "C.UTF-8"
+        folder = tempfile.mkdtemp()
+        self.addCleanup(shutil.rmtree, folder)
+        os.chmod(folder, 0o755)
+        self.hardware = Hardware(folder)
+
+    def command(self, arguments, user):
+        """With the hardware in the places of the machine's own, for this one process."""
+        hardware = self.hardware
+        return ["unshare", "--mount", "sh", "-c", self.MOUNTED, "sh", hardware.sys, hardware.dev, hardware.mountinfo,
+                *super().command(arguments, user)]
+
+    def run_tool(self, *arguments, **options):
+        return super().run_tool(*arguments, env=os.environ | {"LC_ALL": self.locale}, **options)
+
+    def big_machine(self):
+        hardware = self.hardware
+        hardware.disk("sda", "sata", "0", "[mq-deadline] none", self.TUNABLES, partitions=2)
+        hardware.disk("sdb", "sata", "1", "none mq-deadline kyber [bfq]", "slice_idle low_latency", partitions=2)
+        hardware.disk("sdc", "usb", "0", "[none]")
+        hardware.disk("nvme0n1", "nvme", "0", "none")
+        hardware.array("md0", "raid5", "3", ["sda2", "sdb2"])
+        hardware.array("md1", "raid1", "2", ["nvme0n1", "sdc"])
+        hardware.array("md2", "raid1", "2", ["sdb1"], state="inactive")
+        hardware.mapped("dm-0", "vg1-volume1", ["sda1"])
+        hardware.mount("/srv", "ext4", "/dev/nvme0n1", read(f"{hardware.sys}/block/nvme0n1/dev").decode().strip())
+        hardware.mount("/volume1", "btrfs", "/dev/mapper/vg1-volume1", "0:40", self.UUID)
+        hardware.mount("/volume2", "btrfs", "/dev/md0", "0:41", self.UUID[::-1])
+
+    BIG = """volumes
+├─ /srv  ext4 on /dev/nvme0n1, SSDs only
+│  ├─ /dev/nvme0n1  SSD
+│  └─ [volume] leaves it alone: not Btrfs
+├─ /volume1  btrfs on /dev/mapper/vg1-volume1, SSDs only
+│  ├─ /dev/sda  SSD
+│  └─ [volume] changes it
+└─ /volume2  btrfs on /dev/md0
+   ├─ /dev/sda  SSD
+   ├─ /dev/sdb  rotating
+   └─ [volume] leaves it alone: not on SSDs only
+RAID arrays
+├─ /dev/md0  raid5, 3 disks, of which only 2 there
+│  ├─ /dev/sda2 on /dev/sda
+│  ├─ /dev/sdb2 on /dev/sdb
+│  └─ [raid_cfq_5] and [raid_cfq_default] change its disks' tunables
+├─ /dev/md1  raid1, 2 disks
+│  ├─ /dev/nvme0n1
+│  ├─ /dev/sdc
+│  └─ [raid_cfq_1] and [raid_cfq_default] change its disks' tunables
+└─ /dev/md2  raid1, not active
+   ├─ /dev/sdb1 on /dev/sdb
+   └─ [raid_cfq_...] leave it alone: not active
+disks
+├─ /dev/nvme0n1  NVMe SSD  [none]
+│  ├─ no tunables
+│  └─ [disk] sets its scheduler to one of these
+├─ /dev/sda  SATA SSD  [mq-deadline] none
+│  ├─ tunables: async_depth fifo_batch front_merges prio_aging_expire
+│  │    read_expire write_expire writes_starved
+│  └─ [disk] sets its scheduler to one of these
+├─ /dev/sdb  SATA rotating disk  none mq-deadline kyber [bfq]
+│  ├─ tunables: low_latency slice_idle
+│  └─ [disk] leaves it alone: no SSD
+└─ /dev/sdc  external SSD  [none]
+   ├─ no tunables
+   └─ [disk] leaves it alone: external
+"""
+
+    def disk(self, device, kind, ssd, scheduler, schedulers, **more):
+        return {"device": device, "kernel_name": device[5:], "type": kind, "ssd": ssd, "scheduler": scheduler,
+                "schedulers": schedulers, "tunables": [], "sections": [], "error": None} | more
+
+    def test_shows_volumes_arrays_and_disks_to_everybody_and_changes_nothing(self):
+        self.big_machine()
+        before = tree()
+        for user in ["root", "nobody"]:
+            with self.subTest(user=user):
+                self.prints(self.BIG, "devices", user=user)
+        self.assertEqual(tree(), before)
+
+    def test_draws_in_ascii_where_the_locale_is_not_utf8(self):
+        self.big_machine()
+        ascii_tree = self.BIG.replace("├─", "|-").replace("└─", "`-").replace("│", "|")
+        for locale in ["C", "xx_XX.UTF-8"]:  # the second one does not exist
+            self.locale = locale
+            self.prints(ascii_tree, "devices")
+
+    def test_json(self):
+        self.big_machine()
+        ssd = {"device": "/dev/sda", "ssd": True, "error": None}
+        none = {"sections": [], "error": None}
+        self.prints_json({
+            "volumes": [
+                none | {"path": "/srv", "file_system": "ext4", "uuid": None, "device": "/dev/nvme0n1",
+                        "alternative_device": None, "disks": [ssd | {"device": "/dev/nvme0n1"}], "ssd_only": True},
+                none | {"path": "/volume1", "file_system": "btrfs", "uuid": self.UUID, "device": "/dev/dm-0",
+                        "alternative_device": "/dev/mapper/vg1-volume1", "disks": [ssd], "ssd_only": True,
+                        "sections": ["volume"]},
+                none | {"path": "/volume2", "file_system": "btrfs", "uuid": self.UUID[::-1], "device": "/dev/md0",
+                        "alternative_device": None, "disks": [ssd, ssd | {"device": "/dev/sdb", "ssd": False}],
+                        "ssd_only": False}],
+            "arrays": [
+                {"device": "/dev/md0", "level": "raid5", "disks": 3, "active": True,
+                 "members": [{"device": "/dev/sda2", "disk": "/dev/sda", "error": None},
+                             {"device": "/dev/sdb2", "disk": "/dev/sdb", "error": None}],
+                 "sections": ["raid_cfq_5", "raid_cfq_default"]},
+                {"device": "/dev/md1", "level": "raid1", "disks": 2, "active": True,
+                 "members": [{"device": "/dev/nvme0n1", "disk": "/dev/nvme0n1", "error": None},
+                             {"device": "/dev/sdc", "disk": "/dev/sdc", "error": None}],
+                 "sections": ["raid_cfq_1", "raid_cfq_default"]},
+                {"device": "/dev/md2", "level": "raid1", "disks": 0, "active": False,
+                 "members": [{"device": "/dev/sdb1", "disk": "/dev/sdb", "error": None}], "sections": []}],
+            "disks": [
+                self.disk("/dev/nvme0n1", "nvme", True, "none", ["none"], sections=["disk"]),
+                self.disk("/dev/sda", "sata", True, "mq-deadline", ["mq-deadline", "none"], sections=["disk"],
+                          tunables=self.TUNABLES.split()),
+                self.disk("/dev/sdb", "sata", False, "bfq", ["none", "mq-deadline", "kyber", "bfq"],
+                          tunables=["low_latency", "slice_idle"]),
+                self.disk("/dev/sdc", "external", True, "none", ["none"])],
+        }, "devices")
+
+    def test_says_none_where_there_is_nothing(self):
+        self.prints("volumes: none\nRAID arrays: none\ndisks: none\n", "devices")
+        self.prints_json({"volumes": [], "arrays": [], "disks": []}, "devices")
+
+    def test_a_disk_that_fails_is_unknown_and_stops_nothing(self):
+        hardware = self.hardware
+        hardware.disk("sda", "sata", "perhaps", "[none]")
+        hardware.disk("sdb", "sata", "0", "none kyber")
+        hardware.disk("sdc", "sata", "0", "[none]")
+        hardware.disk("sdd", "sata", "0", "[none]")
+        os.remove(f"{hardware.sys}/block/sdc/queue/scheduler")
+        os.symlink("iosched", f"{hardware.sys}/block/sdd/queue/iosched")  # a link to itself
+        hardware.mount("/volume1", "btrfs", "/dev/sda", "0:40", self.UUID)
+        self.prints("""volumes
+└─ /volume1  btrfs on /dev/sda
+   ├─ /dev/sda  SSD or not is unknown: the kernel's answer in
+   │    /sys/class/block/sda/queue/rotational makes no sense; see its log
+   │    (dmesg)
+   └─ whether [volume] changes it is unknown
+RAID arrays: none
+disks
+├─ /dev/sda  SATA  [none]
+│  ├─ SSD or not is unknown: the kernel's answer in
+│  │    /sys/class/block/sda/queue/rotational makes no sense; see its log
+│  │    (dmesg)
+│  ├─ no tunables
+│  └─ [disk] leaves it alone: not known as an SSD
+├─ /dev/sdb  SATA SSD  none kyber
+│  ├─ scheduler is unknown: /sys/block/sdb/queue/scheduler names no active
+│  │    scheduler
+│  ├─ no tunables
+│  └─ [disk] sets its scheduler to one of these
+├─ /dev/sdc  SATA SSD
+│  ├─ scheduler is unknown: /sys/block/sdc/queue/scheduler cannot be read (No
+│  │    such file or directory)
+│  ├─ no tunables
+│  └─ whether [disk] changes it is unknown
+└─ /dev/sdd  SATA SSD  [none]
+   ├─ tunables are unknown: /sys/block/sdd/queue/iosched cannot be opened (Too
+   │    many levels of symbolic links); see the kernel's log (dmesg), and
+   │    whether /proc and /sys are mounted
+   └─ [disk] sets its scheduler to one of these
+""", "devices")
+        nonsense = ("the kernel's answer in /sys/class/block/sda/queue/rotational makes no sense; "
+                    "see its log (dmesg)")
+        shown = json.loads(self.succeeds("devices", "--json"))
+        self.assertEqual(shown["disks"], [
+            self.disk("/dev/sda", "sata", None, "none", ["none"], error=nonsense),
+            self.disk("/dev/sdb", "sata", True, None, ["none", "kyber"], sections=["disk"],
+                      error="/sys/block/sdb/queue/scheduler names no active scheduler"),
+            self.disk("/dev/sdc", "sata", True, None, [],
+                      error="/sys/block/sdc/queue/scheduler cannot be read (No such file or directory)"),
+            self.disk("/dev/sdd", "sata", True, "none", ["none"], sections=["disk"],
+                      error="/sys/block/sdd/queue/iosched cannot be opened (Too many levels of symbolic links); "
+                      "see the kernel's log (dmesg), and whether /proc and /sys are mounted")])
+        self.assertEqual(shown["volumes"][0]["disks"], [{"device": "/dev/sda", "ssd": None, "error": nonsense}])
+        self.assertEqual((shown["volumes"][0]["ssd_only"], shown["volumes"][0]["sections"]), (None, []))
+
+    def test_disks_that_only_root_finds_out_are_unknown_with_the_reason(self):
+        hardware = self.hardware
+        hardware.disk("sda", "sata", "0", "[none]")
+        hardware.disk("sdb", "sata", "0", "[none]")
+        hardware.mapped("dm-0", "cached", ["sda", "sdb"])
+        hardware.mount("/volume1", "btrfs", "/dev/mapper/cached", "0:40", self.UUID)
+        control = "/dev/mapper/control"
+        for user, reason in [
+                ("nobody", f"{control} can only be read by other users; run zevotune as root (sudo)"),
+                # As root it can be opened, and is no device mapper.
+                ("root", f"{control} cannot be read; see the kernel's log (dmesg)")]:
+            with self.subTest(user=user):
+                shown = json.loads(self.succeeds("devices", "--json", user=user))
+                self.assertEqual(shown["volumes"], [{
+                    "path": "/volume1", "file_system": "btrfs", "uuid": self.UUID, "device": "/dev/dm-0",
+                    "alternative_device": "/dev/mapper/cached", "disks": None, "ssd_only": None, "sections": [],
+                    "error": reason}])
+                self.assertEqual([disk["device"] for disk in shown["disks"]], ["/dev/sda", "/dev/sdb"])
+        self.assertTrue(self.succeeds("devices", user="nobody").startswith("""volumes
+└─ /volume1  btrfs on /dev/mapper/cached
+   ├─ disks are unknown: /dev/mapper/control can only be read by other users;
+   │    run zevotune as root (sudo)
+   └─ whether [volume] changes it is unknown
+RAID arrays: none
+"""))
+
+    def test_a_volume_whose_device_is_gone(self):
+        self.hardware.mount("/volume1", "xfs", "/dev/sdz1", "8:99")
+        shown = json.loads(self.succeeds("devices", "--json"))
+        self.assertEqual([(volume["device"], volume["disks"], volume["error"]) for volume in shown["volumes"]],
+                         [("/dev/sdz1", None, "its disk is gone, or it has just been unmounted")])
+
+    def test_names_of_disks_have_the_slash_that_the_kernel_writes_otherwise(self):
+        hardware = self.hardware
+        hardware.disk("cciss!c0d0", "sata", "1", "[none]")
+        hardware.array("md0", "raid1", "2", ["cciss!c0d0"])
+        shown = json.loads(self.succeeds("devices", "--json"))
+        self.assertEqual(shown["arrays"][0]["members"],
+                         [{"device": "/dev/cciss/c0d0", "disk": "/dev/cciss/c0d0", "error": None}])
+        self.assertEqual((shown["disks"][0]["device"], shown["disks"][0]["kernel_name"]),
+                         ("/dev/cciss/c0d0", "cciss!c0d0"))
+
+    def test_control_characters_in_names_do_no_harm(self):
+        self.hardware.disk("sda", "sata", "0", "[none]")
+        self.hardware.mount("/a\x1b[31m\\012b", "btrfs", "/dev/sda", "0:40", self.UUID)
+        self.assertIn("\n└─ /a\\x1B[31m\\x0Ab  btrfs on /dev/sda, SSDs only\n", self.succeeds("devices"))
+        self.assertEqual(json.loads(self.succeeds("devices", "--json"))["volumes"][0]["path"], "/a\x1b[31m\nb")
+
+    def test_what_cannot_be_listed_at_all_is_a_failure(self):
+        unreadable = " cannot be read; see the kernel's log (dmesg), and whether /proc and /sys are mounted"
+        nonsense = " makes no sense; see its log (dmesg)"
+
+        def refused(line, user="root"):
+            for arguments in [["devices"], ["devices", "--json"]]:
+                self.fails(line, *arguments, user=user)
+
+        hardware = self.hardware
+        hardware.array("md0", "raid1", "several", [])
+        refused("cannot list the RAID arrays: the kernel's answer in /sys/class/block/md0/md/raid_disks" + nonsense)
+        shutil.rmtree(hardware.sys + "/block")
+        refused("cannot list the RAID arrays: /sys/block cannot be opened (No such file or directory); "
+                "see the kernel's log (dmesg), and whether /proc and /sys are mounted")
+        os.chmod(hardware.mountinfo, 0o600)
+        refused("cannot list the volumes: /proc/thread-self/mountinfo" + unreadable, user="nobody")
 
 
 if __name__ == "__main__":

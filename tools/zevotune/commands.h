@@ -9,6 +9,7 @@ void List(bool json);
 void Current(bool json);
 void Set(const std::string &name, bool json);
 void Apply(bool json);
+void Devices(bool json);
 
 void ConfigGet(const std::string &key, bool json);
 void ConfigSet(const std::string &key, const std::string &value, bool force, bool json);

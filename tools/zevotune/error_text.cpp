@@ -4,11 +4,13 @@
 
 #include "support/error_codes.h"
 
-#include <vunkcore/error.h>
+#include <zevostorage/error.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <new>
+#include <string_view>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -20,6 +22,19 @@ bool Exists(const std::string &path)
 {
 	struct stat status;
 	return lstat(path.c_str(), &status) == 0;
+}
+
+bool IsKernelFile(std::string_view path)
+{
+	return path.starts_with("/proc/") || path.starts_with("/sys/") || path.starts_with("/dev/");
+}
+
+std::string AdviceFor(std::string_view path)
+{
+	if (!IsKernelFile(path))
+		return "mend or remove it";
+	const std::string advice = "see the kernel's log (dmesg)";
+	return path.starts_with("/dev/") ? advice : advice + ", and whether /proc and /sys are mounted";
 }
 
 // The error stack has no errno, and the log lines written since have changed it: asked for again.
@@ -34,7 +49,13 @@ std::string OpenText(const std::string &path)
 	}
 	if (errno == EACCES && geteuid() != 0)
 		return path + " can only be read by other users; run zevotune as root (sudo)";
-	return path + " cannot be opened (" + strerror(errno) + "); mend or remove it";
+	return path + " cannot be opened (" + strerror(errno) + "); " + AdviceFor(path);
+}
+
+std::string ReadText(const std::string &path)
+{
+	const char *reason = IsKernelFile(path) ? "" : ": the disk fails, or it is larger than 256 MiB";
+	return path + " cannot be read" + reason + "; " + AdviceFor(path);
 }
 
 std::string SyntaxText(const std::string &path, int line)
@@ -95,7 +116,7 @@ std::string ErrorText()
 	case VUNKC_ERR_FILE_OPEN:
 		return OpenText(file);
 	case VUNKC_ERR_FILE_READ:
-		return file + " cannot be read: the disk fails, or it is larger than 256 MiB; mend or remove it";
+		return ReadText(file);
 	case VUNKC_ERR_FILE_WRITE:
 		return file + " cannot be written; see whether its file system is full or read-only";
 	case VUNKC_ERR_TIMEOUT:
@@ -115,7 +136,18 @@ std::string ErrorText()
 		return std::string(kConfigFile) + " is no regular file; move it away";
 	case kErrNotDirectory:
 		return NotDirectoryText();
+	case ZEVO_ERR_NO_DEVICE:
+		return file + " is gone, or was never there; try again";
+	case ZEVO_ERR_BAD_ANSWER:
+		return "the kernel's answer in " + file + " makes no sense; see its log (dmesg)";
 	default:
 		return OtherText(code, file, line);
 	}
+}
+
+std::string ReasonInPlace()
+{
+	if (VUNKCErrGet() == VUNKC_ERR_NO_MEMORY)
+		throw std::bad_alloc();
+	return ErrorText();
 }

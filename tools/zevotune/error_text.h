@@ -9,4 +9,8 @@ void ForgetErrors();
 /// What made the library's last call fail: on which path, why, and what to do.
 std::string ErrorText();
 
+/// The same for a failure that is shown and does not end the command. Throws std::bad_alloc for a lack of memory, which
+/// does.
+std::string ReasonInPlace();
+
 #endif

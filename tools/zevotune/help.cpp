@@ -78,6 +78,41 @@ Takes root.
 
 --json: {"profile": NAME, "path": FILE})help";
 
+const char *const kDevices =
+	R"help(Shows the mounted volumes with their disks, the RAID arrays with their members,
+and the disks with their schedulers, the active one in brackets, and its
+tunables; and of each, what a profile's sections do to it:
+  [volume]           changes Btrfs volumes all of whose disks are SSDs
+  [raid_cfq_1]       changes tunables of the member disks of arrays without
+                     parity: raid0, raid1, raid10, linear
+  [raid_cfq_5]       the same for arrays with parity: raid4, raid5, raid6
+  [raid_cfq_default] the same for both
+  [disk]             "ssd_scheduler" sets the scheduler of SSDs that offer it
+Arrays that are not active or made for one disk only are left alone, and
+external disks by [disk]. Of the RAID sections' keys a disk takes those that
+are among its tunables. A section changes only what is there when the profile
+is applied, which is done again with "zevotune apply".
+
+What cannot be found out is shown as unknown with the reason, and does not
+stop the rest. Which disks lie below a cache of the device mapper, for
+example, only root finds out. Nothing is changed.
+
+The branches are drawn in ASCII unless the locale's character set is UTF-8.
+
+--json: an object with
+  volumes  objects with path, file_system, uuid (null unless Btrfs), device,
+           alternative_device (the name that people know it by, or null),
+           disks (objects with device, ssd, error; null: unknown), ssd_only,
+           sections, error
+  arrays   objects with device, level, disks (how many it is made for, 0 when
+           not active), active, members (objects with device, disk, error),
+           sections
+  disks    objects with device, kernel_name, type ("sata", "sas", "nvme",
+           "virtual", "external", "emmc"), ssd, scheduler (the active one),
+           schedulers (all), tunables, sections, error
+"sections" are the names of those that change it. What is unknown is null, or
+an empty array, with the reason in "error", which is null otherwise.)help";
+
 const char *const kConfig =
 	R"help(The configuration is the file /usr/zevo/etc/zevotuned/config.
 "zevotune config set --help" lists the keys.)help";

@@ -12,6 +12,7 @@ extern const char *const kList;
 extern const char *const kCurrent;
 extern const char *const kSet;
 extern const char *const kApply;
+extern const char *const kDevices;
 extern const char *const kConfig;
 extern const char *const kConfigGet;
 extern const char *const kConfigList;

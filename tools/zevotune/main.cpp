@@ -89,6 +89,10 @@ void AddCommands(CLI::App &tool, Request &request)
 	CLI::App &apply = AddCommand(tool, request, "apply", "apply the selected profile again", help::kApply);
 	Run(apply, request, [&request] { Apply(request.json); });
 
+	CLI::App &devices = AddCommand(tool, request, "devices", "show what profiles concern: volumes, arrays, disks",
+	                               help::kDevices);
+	Run(devices, request, [&request] { Devices(request.json); });
+
 	AddConfigCommands(tool, request);
 }
 

@@ -9,16 +9,6 @@
 #include <cstdio>
 #include <cstring>
 
-namespace {
-
-// In characters of UTF-8, all of them taken to be one column wide.
-size_t Width(const std::string &text)
-{
-	return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xC0) != 0x80; }));
-}
-
-} // namespace
-
 void Table::Add(std::vector<std::string> cells)
 {
 	for (std::string &cell : cells)
@@ -42,6 +32,11 @@ std::string Table::Text() const
 		text += line + '\n';
 	}
 	return text;
+}
+
+size_t Width(std::string_view text)
+{
+	return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xC0) != 0x80; }));
 }
 
 std::string Printable(std::string_view text)

@@ -20,6 +20,9 @@ private:
 	std::vector<std::vector<std::string>> rows;
 };
 
+/// In characters of UTF-8, all of them taken to be one column wide.
+size_t Width(std::string_view text);
+
 /// The text with control characters as "\x1B": it stays one line and does nothing to a terminal.
 std::string Printable(std::string_view text);
 
