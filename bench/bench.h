@@ -12,8 +12,13 @@
 
 namespace bench {
 
-/// Registers a pair. `ours` and `floor` do the operation once.
-void Pair(const std::string &what, double goal, void (*ours)(), void (*floor)());
+using SetUp = void (*)(const benchmark::State &);
+
+/// For a pair whose floor does less than what is asked for: a ratio to know, not to reach.
+inline constexpr double kNoGoal = 0;
+
+/// Registers a pair. `ours` and `floor` do the operation once; `setUp` comes before a number of operations and is not measured.
+void Pair(const std::string &what, double goal, void (*ours)(), void (*floor)(), SetUp setUp = nullptr);
 
 /// Something that is measured against an absolute goal, by its own means; called after the pairs.
 void Absolute(void (*measureAndPrint)());

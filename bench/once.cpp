@@ -1,5 +1,7 @@
 // Does one operation a given number of times, for tools that count: zevotuned_once OPERATION TIMES.
 
+#include "machines.h"
+
 #include <vunkcore/hash.h>
 #include <vunkcore/list.h>
 #include <zevotuned/zevotuned.h>
@@ -29,6 +31,7 @@ int List()
 struct Operation {
 	std::string_view name;
 	int (*once)();
+	void (*setUp)() = nullptr;
 };
 
 constexpr Operation kOperations[] = {
@@ -36,6 +39,8 @@ constexpr Operation kOperations[] = {
 	{"config-set", [] { return TuneSetKeyValueToConfig("lock", "false"); }},
 	{"list", List},
 	{"apply", [] { return TuneApplyProfile("performance_latency"); }},
+	{"apply-disk", [] { return TuneApplyProfile("bench_disk"); }, bench::HaveBays},
+	{"apply-raid", [] { return TuneApplyProfile("bench_raid"); }, bench::HaveBays},
 };
 
 } // namespace
@@ -45,11 +50,13 @@ int main(int argc, char **argv)
 	for (const Operation &operation : kOperations) {
 		if (argc != 3 || operation.name != argv[1])
 			continue;
+		if (operation.setUp != nullptr)
+			operation.setUp();
 		for (int i = atoi(argv[2]); i > 0; --i)
 			if (operation.once() != 0)
 				return 1;
 		return 0;
 	}
-	fprintf(stderr, "usage: zevotuned_once config-get|config-set|list|apply TIMES\n");
+	fprintf(stderr, "usage: zevotuned_once config-get|config-set|list|apply|apply-disk|apply-raid TIMES\n");
 	return 2;
 }
