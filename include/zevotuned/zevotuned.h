@@ -30,12 +30,15 @@
  * | 0xC00  | a file or directory could not be made                                      |
  * | 0xC000 | a path that must be a regular file is something else                       |
  * | 0xA000 | a path that must be a directory is something else                          |
+ * | 0xD900 | the path does not lie on a Btrfs file system                               |
  */
 
+#include <zevotuned/metadata_cache.h>
 #include <zevotuned/tune.h>
 
 #ifdef __cplusplus
 #include <zevotuned/apply.h>
+#include <zevotuned/chunk_info.h>
 #include <zevotuned/config.h>
 #include <zevotuned/profile.h>
 #include <zevotuned/system_access.h>

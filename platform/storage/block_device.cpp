@@ -1,6 +1,5 @@
 #include "storage/block_device.h"
 
-#include "storage/device_mapper.h"
 #include "storage/failure.h"
 #include "storage/sysfs.h"
 
@@ -26,26 +25,40 @@ std::optional<std::string> BackingDevice(const std::string &bcacheDevice)
 	return LastComponent(link->substr(0, link->rfind('/')));
 }
 
-/// The devices that a device is directly made of: none for a disk, nothing for one that is gone.
-std::optional<Names> Components(const std::string &kernelName)
+bool IsOnlyForCaching(const std::string &number, const std::vector<CacheTarget> &targets)
 {
-	if (const std::optional<std::string> disk = DiskOfPartition(kernelName))
-		return Names{*disk};
-	if (const std::optional<std::string> backing = BackingDevice(kernelName))
-		return Names{*backing};
-	Names slaves = Slaves(kernelName);
-	if (slaves.empty() && !Exists(kernelName))
-		return std::nullopt;
-	if (slaves.size() < 2 || !ReadAttribute(BlockPath(kernelName, "/dm/name")))
-		return slaves;
-	const std::optional<Names> caches = CacheDevicesOf(kernelName);
-	if (!caches)
-		return std::nullopt;
-	std::erase_if(slaves, [&](const std::string &slave) {
-		const std::optional<std::string> number = ReadAttribute(BlockPath(slave, "/dev"));
-		return number && std::find(caches->begin(), caches->end(), *number) != caches->end();
+	return std::any_of(targets.begin(), targets.end(), [&](const CacheTarget &target) {
+		return number == target.cache || number == target.metadata;
 	});
-	return slaves;
+}
+
+/// What a device is directly made of; nothing for one that is gone.
+std::optional<Layer> ReadLayer(const std::string &kernelName)
+{
+	Layer layer = {.device = kernelName};
+	if (const std::optional<std::string> disk = DiskOfPartition(kernelName)) {
+		layer.components = {*disk};
+		return layer;
+	}
+	if (std::optional<std::string> backing = BackingDevice(kernelName)) {
+		layer.components = {*backing};
+		layer.backing = std::move(*backing);
+		return layer;
+	}
+	layer.components = Slaves(kernelName);
+	if (layer.components.empty() && !Exists(kernelName))
+		return std::nullopt;
+	if (layer.components.size() < 2 || !ReadAttribute(BlockPath(kernelName, "/dm/name")))
+		return layer;
+	std::optional<std::vector<CacheTarget>> targets = CacheTargetsOf(kernelName);
+	if (!targets)
+		return std::nullopt;
+	layer.caches = std::move(*targets);
+	std::erase_if(layer.components, [&](const std::string &slave) {
+		const std::optional<std::string> number = ReadAttribute(BlockPath(slave, "/dev"));
+		return number && IsOnlyForCaching(*number, layer.caches);
+	});
+	return layer;
 }
 
 } // namespace
@@ -96,9 +109,8 @@ std::optional<std::string> DiskOfPartition(const std::string &kernelName)
 	return LastComponent(link->substr(0, link->rfind('/')));
 }
 
-Names DisksBelow(const Names &kernelNames)
+void Descend(const Names &kernelNames, const std::function<bool(const Layer &)> &visit)
 {
-	Names disks;
 	std::unordered_set<std::string> seen;
 	Names open(kernelNames.rbegin(), kernelNames.rend()); // a stack: what a device is made of comes in its place
 	while (!open.empty()) {
@@ -106,13 +118,23 @@ Names DisksBelow(const Names &kernelNames)
 		open.pop_back();
 		if (!seen.insert(device).second)
 			continue;
-		const std::optional<Names> components = Components(device);
-		if (!components)
+		const std::optional<Layer> layer = ReadLayer(device);
+		if (!layer)
 			continue;
-		if (components->empty())
-			disks.push_back(device);
-		open.insert(open.end(), components->rbegin(), components->rend());
+		if (!visit(*layer))
+			return;
+		open.insert(open.end(), layer->components.rbegin(), layer->components.rend());
 	}
+}
+
+Names DisksBelow(const Names &kernelNames)
+{
+	Names disks;
+	Descend(kernelNames, [&](const Layer &layer) {
+		if (layer.components.empty())
+			disks.push_back(layer.device);
+		return true;
+	});
 	return disks;
 }
 

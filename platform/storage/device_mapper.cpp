@@ -2,7 +2,6 @@
 
 #include "common/descriptor.h"
 #include "storage/block_device.h"
-#include "storage/device_mapper_table.h"
 #include "storage/failure.h"
 #include "storage/sysfs.h"
 
@@ -81,7 +80,7 @@ std::optional<std::string> ReadTable(dev_t device)
 
 } // namespace
 
-std::optional<Names> CacheDevicesOf(const std::string &kernelName)
+std::optional<std::vector<CacheTarget>> CacheTargetsOf(const std::string &kernelName)
 {
 	const std::optional<std::string> number = ReadAttribute(BlockPath(kernelName, "/dev"));
 	if (!number)
@@ -92,7 +91,7 @@ std::optional<Names> CacheDevicesOf(const std::string &kernelName)
 	const std::optional<std::string> answer = ReadTable(*device);
 	if (!answer)
 		return std::nullopt;
-	std::optional<Names> caches = CacheDevicesInTable(*answer);
+	std::optional<std::vector<CacheTarget>> caches = CacheTargetsInTable(*answer);
 	if (!caches)
 		throw KernelFailure(ZEVO_ERR_BAD_ANSWER, kControl);
 	return caches;

@@ -1,16 +1,17 @@
 #ifndef PLATFORM_STORAGE_DEVICE_MAPPER_H
 #define PLATFORM_STORAGE_DEVICE_MAPPER_H
 
-#include "storage/sysfs.h"
+#include "storage/device_mapper_table.h"
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace zevos {
 
-/// The devices ("253:1") of a device-mapper device that only cache another of its devices, or hold the cache's
-/// bookkeeping. Nothing where the device is gone. Takes root; throws KernelFailure.
-std::optional<Names> CacheDevicesOf(const std::string &kernelName);
+/// The targets of a device-mapper device that cache, in their order. Nothing where the device is gone. Takes root;
+/// throws KernelFailure.
+std::optional<std::vector<CacheTarget>> CacheTargetsOf(const std::string &kernelName);
 
 } // namespace zevos
 

@@ -131,6 +131,13 @@ std::optional<std::string> MapperPath(const std::string &kernelName)
 	return kMapperDir + NodeName(*name);
 }
 
+Names DevicesOfSpace(const ZEVOSPACEINFO &space)
+{
+	if (*space.szUuid != '\0')
+		return BtrfsDevices(space.szUuid);
+	return {KernelName(space.szDevice)};
+}
+
 Names BtrfsDevices(const std::string &uuid)
 {
 	Names devices = ReadNames(kBtrfsDir + uuid + "/devices").value_or(Names());

@@ -4,6 +4,8 @@
 #include "storage/mounts.h"
 #include "storage/sysfs.h"
 
+#include <zevostorage/space.h>
+
 #include <optional>
 #include <string>
 #include <unordered_map>
@@ -36,6 +38,9 @@ private:
 
 /// The path below /dev/mapper of a device-mapper device; nothing for other devices.
 std::optional<std::string> MapperPath(const std::string &kernelName);
+
+/// The kernel names of the devices that the file system of a space lies on.
+Names DevicesOfSpace(const ZEVOSPACEINFO &space);
 
 /// The kernel names of the devices of a Btrfs file system that are there; none when it is not mounted any more.
 Names BtrfsDevices(const std::string &uuid);

@@ -11,16 +11,22 @@
 
 namespace zevos {
 
-/// What the kernel could not be asked, or answered with nonsense. Thrown inside of the library only.
+/// What the kernel could not be asked, or answered with nonsense, and files that cannot be read or understood. Thrown
+/// inside of the library only.
 class KernelFailure : public std::exception {
 public:
-	KernelFailure(int errorCode, std::string fileName) : code(errorCode), file(std::move(fileName)) {}
+	KernelFailure(int errorCode, std::string fileName, int lineNumber = 0)
+		: code(errorCode), line(lineNumber), file(std::move(fileName))
+	{
+	}
 
 	const char *what() const noexcept override { return file.c_str(); }
 	int Code() const { return code; }
+	int Line() const { return line; }
 
 private:
 	int code;
+	int line;
 	std::string file;
 };
 
@@ -34,7 +40,7 @@ Result Guard(Result failure, Body &&body, const char *file, int line)
 			try {
 				return body();
 			} catch (const KernelFailure &thrown) {
-				return vunkc::FailAt(failure, thrown.Code(), thrown.what(), 0);
+				return vunkc::FailAt(failure, thrown.Code(), thrown.what(), thrown.Line());
 			}
 		},
 		file, line);

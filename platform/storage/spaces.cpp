@@ -54,14 +54,6 @@ bool PushAll(VUNKSZLIST **ppsl, const zevos::Names &strings)
 	return true;
 }
 
-/// The devices that the file system of a space lies on.
-zevos::Names DevicesOf(const ZEVOSPACEINFO &space)
-{
-	if (*space.szUuid != '\0')
-		return zevos::BtrfsDevices(space.szUuid);
-	return {zevos::KernelName(space.szDevice)};
-}
-
 } // namespace
 
 int ZEVOSpaceInfoEnum(int iKind, ZEVOSPACEINFO **ppList)
@@ -102,7 +94,7 @@ int ZEVOSpaceDiskEnum(const ZEVOSPACEINFO *pSpace, VUNKSZLIST **ppslDisks)
 	if (pSpace == nullptr || ppslDisks == nullptr || *ppslDisks == nullptr)
 		return VUNKC_FAIL(-1, VUNKC_ERR_BAD_ARGUMENT);
 	return ZEVOS_GUARD(-1, [&] {
-		zevos::Names disks = zevos::DisksBelow(DevicesOf(*pSpace));
+		zevos::Names disks = zevos::DisksBelow(zevos::DevicesOfSpace(*pSpace));
 		if (disks.empty())
 			return vunkc::FailAt(-1, ZEVO_ERR_NO_DEVICE, pSpace->szDevice, 0);
 		for (std::string &disk : disks)

@@ -158,6 +158,22 @@ int VUNKCFileEnumSection(const char *szPath, VUNKSZLIST **ppsl)
 	PASS_ON(-1, VUNKCFileEnumSection, szPath, ppsl);
 }
 
+int VUNKCFileAddSection(const char *szPath, const char *szSection, const VUNKSZHASH *psh)
+{
+	PASS_ON(-1, VUNKCFileAddSection, szPath, szSection, psh);
+}
+
+int VUNKCIFileModifySection(const char *szPath, const char *szSection, const char *szNewName, const VUNKSZHASH *psh,
+                            int fReplace, int iFlags)
+{
+	PASS_ON(-1, VUNKCIFileModifySection, szPath, szSection, szNewName, psh, fReplace, iFlags);
+}
+
+int VUNKCFileRemoveSection(const char *szPath, const char *szSection)
+{
+	PASS_ON(-1, VUNKCFileRemoveSection, szPath, szSection);
+}
+
 int VUNKCFileEnumDir(const char *szDir, const char *szFilter, VUNKSZLIST **ppsl, int iFlags)
 {
 	PASS_ON(-1, VUNKCFileEnumDir, szDir, szFilter, ppsl, iFlags);

@@ -18,8 +18,8 @@ inline constexpr int kFaultCode = 0xFA17;
 /// While the object lives, the nth call of a function from now on fails, once. Objects do not nest.
 ///
 /// Functions: VUNKCSzHashAlloc VUNKCSzHashGetValue VUNKCSzHashSetValue VUNKCSzHashEnumKey VUNKCSzListAlloc
-/// VUNKCSzListPush VUNKCFileGetPair VUNKCFileSetPair VUNKCFileGetSection VUNKCFileEnumSection VUNKCFileEnumDir
-/// VUNKCFileLockTimeByFile VUNKCFileUnlockByFile (which unlocks all the same) VUNKCWrite VUNKCExec; stat mkdir open
+/// VUNKCSzListPush VUNKCFileGetPair VUNKCFileSetPair VUNKCFileGetSection VUNKCFileEnumSection VUNKCFileAddSection
+/// VUNKCIFileModifySection VUNKCFileRemoveSection VUNKCFileEnumDir VUNKCFileLockTimeByFile VUNKCFileUnlockByFile (which unlocks all the same) VUNKCWrite VUNKCExec; stat mkdir open
 /// sysinfo, with a given errno; and those of storage.h.
 class Fault {
 public:

@@ -10,6 +10,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
+#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <map>
@@ -18,6 +20,7 @@
 #include <stdexcept>
 
 #include <sys/sysinfo.h>
+#include <unistd.h>
 
 namespace {
 
@@ -36,6 +39,12 @@ T Failing(T result)
 {
 	VUNKCErrSetEx(kit::kFaultCode, "fault", 1);
 	return result;
+}
+
+int FailingWith(int code)
+{
+	VUNKCErrSetEx(code, "fake", 1);
+	return -1;
 }
 
 template <class Record>
@@ -82,7 +91,8 @@ struct SpaceList {
 	{
 		for (const kit::FakeVolume &volume : volumes)
 			if (volume.hasSpace)
-				records.push_back({"", "", volume.path.c_str(), volume.uuid.c_str(), nullptr});
+				records.push_back({volume.device.c_str(), volume.altDevice.c_str(), volume.path.c_str(),
+				                   volume.uuid.c_str(), nullptr});
 		Chain(records);
 	}
 	const std::vector<kit::FakeVolume> volumes;
@@ -122,6 +132,16 @@ struct ArrayList {
 	std::vector<RAIDLIST> records;
 };
 
+struct CacheList {
+	explicit CacheList(const kit::FakeCache &said) : cache(said)
+	{
+		const auto text = [](const std::optional<std::string> &word) { return word ? word->c_str() : nullptr; };
+		records.push_back({cache.mode, text(cache.id), text(cache.reference), cache.size});
+	}
+	const kit::FakeCache cache;
+	std::vector<ZEVOFLASHCACHECONFIG> records;
+};
+
 const kit::FakeVolume *FindVolume(const char *szPath)
 {
 	const auto found = std::find_if(fake->volumes.begin(), fake->volumes.end(),
@@ -136,6 +156,25 @@ void Called(const Words &...words)
 	const char *separator = "";
 	((line << separator << words, separator = " "), ...);
 	fake->calls.push_back(line.str());
+}
+
+std::string WithPid(const ZEVOSPACEBUILD &build)
+{
+	return build.iPid == getpid() ? "self" : std::to_string(build.iPid);
+}
+
+std::string PairsOf(const VUNKSZHASH *hash)
+{
+	std::string words;
+	VUNKSZLIST *keys = VUNKCSzListAlloc(64);
+	if (hash != nullptr)
+		VUNKCSzHashEnumKey(hash, &keys);
+	for (int i = 0; i < keys->nItem; ++i) {
+		const char *const key = VUNKCSzListGet(keys, i);
+		words = words + " " + key + "=" + VUNKCSzHashGetValue(hash, key);
+	}
+	VUNKCSzListFree(keys);
+	return words;
 }
 
 std::string Hex(unsigned value)
@@ -306,6 +345,163 @@ void RAIDListFree(RAIDLIST *pList)
 	if (fake == nullptr)
 		return REAL(RAIDListFree)(pList);
 	TakeBack(pList, "RAIDListFree");
+}
+
+int ZEVOVolumeConfGet(const char *szVolPath, ZEVOVOLUMECONF *pConf)
+{
+	FAIL_IN_TURN(-1, ZEVOVolumeConfGet);
+	if (fake == nullptr)
+		return REAL(ZEVOVolumeConfGet)(szVolPath, pConf);
+	Called("ZEVOVolumeConfGet", szVolPath);
+	const auto found = fake->volumeConf.find(szVolPath);
+	const int error = found == fake->volumeConf.end() ? int{ZEVO_ERR_NO_VOLUME_CONF} : found->second.error;
+	if (error != 0)
+		return FailingWith(error);
+	pConf->uMetadataCache = found->second.metadataCache;
+	return 0;
+}
+
+int ZEVOVolumeConfSet(const char *szVolPath, const ZEVOVOLUMECONF *pConf, int iFields)
+{
+	FAIL_IN_TURN(-1, ZEVOVolumeConfSet);
+	if (fake == nullptr)
+		return REAL(ZEVOVolumeConfSet)(szVolPath, pConf, iFields);
+	Called("ZEVOVolumeConfSet", szVolPath, "metadata_cache=" + std::to_string(pConf->uMetadataCache),
+	       Hex(static_cast<unsigned>(iFields)));
+	kit::FakeVolumeConf &conf = fake->volumeConf[szVolPath];
+	if (conf.errorOfSet != 0)
+		return FailingWith(conf.errorOfSet);
+	conf.metadataCache = pConf->uMetadataCache;
+	return 0;
+}
+
+int ZEVOFlashCacheConfigTmpGet(const ZEVOSPACEINFO *pSpace, int iKind, ZEVOFLASHCACHECONFIG **ppConfig)
+{
+	FAIL_IN_TURN(-1, ZEVOFlashCacheConfigTmpGet);
+	if (fake == nullptr)
+		return REAL(ZEVOFlashCacheConfigTmpGet)(pSpace, iKind, ppConfig);
+	Called("ZEVOFlashCacheConfigTmpGet", pSpace->szVolPath, iKind);
+	const auto found = fake->caches.find(pSpace->szVolPath);
+	if (found == fake->caches.end() || found->second.answer == 0)
+		return 0;
+	if (found->second.answer < 0)
+		return Failing(-1);
+	*ppConfig = HandOut(std::make_shared<CacheList>(found->second), "ZEVOFlashCacheConfigFree");
+	return found->second.answer;
+}
+
+void ZEVOFlashCacheConfigFree(ZEVOFLASHCACHECONFIG *pConfig)
+{
+	if (fake == nullptr)
+		return REAL(ZEVOFlashCacheConfigFree)(pConfig);
+	TakeBack(pConfig, "ZEVOFlashCacheConfigFree");
+}
+
+int ZEVOFlashCacheSupportFlagsGet(const ZEVOFLASHCACHECONFIG *pConfig, unsigned int *puFlags)
+{
+	FAIL_IN_TURN(-1, ZEVOFlashCacheSupportFlagsGet);
+	if (fake == nullptr)
+		return REAL(ZEVOFlashCacheSupportFlagsGet)(pConfig, puFlags);
+	Called("ZEVOFlashCacheSupportFlagsGet");
+	const auto found = handed.find(pConfig);
+	if (found == handed.end() || found->second.freeFunction != "ZEVOFlashCacheConfigFree") {
+		ADD_FAILURE() << "the flags of what is no cache";
+		return Failing(-1);
+	}
+	const kit::FakeCache &cache = static_cast<const CacheList *>(found->second.memory.get())->cache;
+	if (cache.answerOfFlags < 0)
+		return Failing(-1);
+	*puFlags = cache.flags;
+	return 0;
+}
+
+int ZEVOFlashCachePinIsVolumeSupport(const char *szVolPath)
+{
+	FAIL_IN_TURN(0, ZEVOFlashCachePinIsVolumeSupport);
+	if (fake == nullptr)
+		return REAL(ZEVOFlashCachePinIsVolumeSupport)(szVolPath);
+	Called("ZEVOFlashCachePinIsVolumeSupport", szVolPath);
+	const auto found = fake->caches.find(szVolPath);
+	if (found == fake->caches.end() || found->second.answer == 0 ||
+	    found->second.mode == ZEVO_FLASH_CACHE_MODE_REMOVED)
+		return 0;
+	if (found->second.answer < 0)
+		return Failing(0);
+	return (found->second.flags & 0x6) == 0x6 ? 1 : 0;
+}
+
+int ModelSupportPin()
+{
+	// It sets no error, and a model that cannot be read is one with pins.
+	if (kit::Strikes(kit::Calls::Platform, "ModelSupportPin"))
+		return 1;
+	if (fake == nullptr)
+		return REAL(ModelSupportPin)();
+	Called("ModelSupportPin");
+	return fake->supportsPin ? 1 : 0;
+}
+
+int ZEVOVSpaceLayerPathGet(int iKind, const char *szVolPath, char *szOut, size_t cbOut)
+{
+	FAIL_IN_TURN(-1, ZEVOVSpaceLayerPathGet);
+	if (fake == nullptr)
+		return REAL(ZEVOVSpaceLayerPathGet)(iKind, szVolPath, szOut, cbOut);
+	Called("ZEVOVSpaceLayerPathGet", iKind, szVolPath, cbOut);
+	const auto found = fake->layers.find(szVolPath);
+	if (found == fake->layers.end())
+		return FailingWith(ZEVO_ERR_NO_LAYER);
+	snprintf(szOut, cbOut, "%s", found->second.c_str());
+	return 0;
+}
+
+int ZEVOSpaceBuildFileSet(const ZEVOSPACEBUILD *pBuild)
+{
+	FAIL_IN_TURN(-1, ZEVOSpaceBuildFileSet);
+	if (fake == nullptr)
+		return REAL(ZEVOSpaceBuildFileSet)(pBuild);
+	Called("ZEVOSpaceBuildFileSet", WithPid(*pBuild), pBuild->iKind, pBuild->iStage, pBuild->iReason,
+	       pBuild->szReference);
+	return 0;
+}
+
+int ZEVOSpaceBuildFileRemove(const ZEVOSPACEBUILD *pBuild)
+{
+	FAIL_IN_TURN(-1, ZEVOSpaceBuildFileRemove);
+	if (fake == nullptr)
+		return REAL(ZEVOSpaceBuildFileRemove)(pBuild);
+	Called("ZEVOSpaceBuildFileRemove", WithPid(*pBuild), pBuild->iKind, pBuild->iStage, pBuild->iReason,
+	       pBuild->szReference);
+	return 0;
+}
+
+int ZEVOSysNotifySendNotifiction(const char *szTag, const VUNKSZHASH *psh)
+{
+	FAIL_IN_TURN(-1, ZEVOSysNotifySendNotifiction);
+	if (fake == nullptr)
+		return REAL(ZEVOSysNotifySendNotifiction)(szTag, psh);
+	Called("ZEVOSysNotifySendNotifiction", szTag + PairsOf(psh));
+	return 0;
+}
+
+int ZEVOLogSet1(int iKind, int iLevel, int iEvent, ...)
+{
+	FAIL_IN_TURN(-1, ZEVOLogSet1);
+	std::array<const char *, 9> texts = {};
+	va_list arguments;
+	va_start(arguments, iEvent);
+	for (const char *&text : texts)
+		if (text = va_arg(arguments, const char *); text == nullptr)
+			break;
+	va_end(arguments);
+	if (fake == nullptr)
+		return REAL(ZEVOLogSet1)(iKind, iLevel, iEvent, texts[0], texts[1], texts[2], texts[3], texts[4],
+		                         texts[5], texts[6], texts[7], texts[8], static_cast<char *>(nullptr));
+	std::string words;
+	for (const char *const text : texts)
+		if (text != nullptr)
+			words.append(" ").append(text);
+	Called("ZEVOLogSet1", iKind, iLevel, Hex(static_cast<unsigned>(iEvent)) + words);
+	return 0;
 }
 
 int VUNKCSupportRAID()

@@ -24,7 +24,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// The core library's writers, and the library's that go to the configuration. A pid file is not the same twice.
+/// The core library's writers, the storage library's, and the library's that go to the configuration, the mapping file
+/// and the progress file. A pid file is not the same twice.
 std::vector<Scenario> Writers()
 {
 	std::vector<Scenario> scenarios;
@@ -35,6 +36,12 @@ std::vector<Scenario> Writers()
 		if (scenario.name.starts_with("config_") || scenario.name.starts_with("write_") ||
 		    scenario.name.starts_with("find_config"))
 			scenarios.push_back(scenario);
+	for (const Scenario &scenario : MetadataFilesScenarios())
+		if (scenario.name.starts_with("metadata_set_") || scenario.name.starts_with("metadata_progress_write"))
+			scenarios.push_back(scenario);
+	for (const Scenario &scenario : FlashCacheScenarios())
+		if (scenario.name.starts_with("volume_conf_set") || scenario.name.starts_with("space_build_set"))
+			scenarios.push_back(scenario);
 	return scenarios;
 }
 
@@ -44,11 +51,12 @@ using Files = std::map<std::string, std::string>;
 Files Written()
 {
 	Files files;
-	for (const char *dir : {"/usr/zevo/etc/zevotuned", "/run/zevotuned"}) {
+	for (const char *dir : {"/usr/zevo/etc/zevotuned", "/usr/zevo/etc/volumes", "/run/zevotuned",
+	                        "/run/zevotuned/metadata_cache", "/run/zevo/space_build"}) {
 		if (!fs::exists(dir))
 			continue;
 		for (const auto &entry : fs::directory_iterator(dir))
-			if (!entry.path().filename().string().starts_with('.'))
+			if (entry.is_regular_file() && !entry.path().filename().string().starts_with('.'))
 				files[entry.path()] = kit::ReadFile(entry.path());
 	}
 	return files;
@@ -56,6 +64,13 @@ Files Written()
 
 class Crash : public kit::LabTest, public testing::WithParamInterface<Scenario> {
 protected:
+	void TearDown() override
+	{
+		if (GetParam().finish)
+			GetParam().finish();
+		LabTest::TearDown();
+	}
+
 	void Prepare()
 	{
 		kit::FreshMachine();
@@ -108,7 +123,8 @@ TEST_P(Crash, LeavesTheOldFileOrTheNew)
 		for (const auto &[path, text] : after) {
 			const bool old = before.contains(path) && before.at(path) == text;
 			const bool now = done.contains(path) && done.at(path) == text;
-			// A configuration that was not there is made empty first, and filled as a whole.
+			// A configuration or a progress file that was not there is made empty first, and filled as a
+			// whole.
 			EXPECT_TRUE(old || now || (text.empty() && !before.contains(path))) << path << ":\n" << text;
 		}
 		for (const auto &[path, text] : before)
@@ -120,7 +136,8 @@ TEST_P(Crash, LeavesTheOldFileOrTheNew)
 		if (after != done && GetParam().name != "find_config_fresh") {
 			EXPECT_FALSE(fs::exists("/usr/zevo/etc/zevotuned/.config.new"));
 			EXPECT_FALSE(fs::exists("/run/zevotuned/.sections.new") ||
-			             fs::exists("/run/zevotuned/.pairs.new"));
+			             fs::exists("/run/zevotuned/.pairs.new") ||
+			             fs::exists("/run/zevotuned/.mapping.new"));
 		}
 		if (only != nullptr)
 			return;

@@ -31,5 +31,8 @@ inline void PrintTo(const Scenario &scenario, std::ostream *out)
 std::vector<Scenario> CoreScenarios();
 std::vector<Scenario> ProfileScenarios();
 std::vector<Scenario> StorageScenarios();
+std::vector<Scenario> MetadataFilesScenarios();
+std::vector<Scenario> FlashCacheScenarios();
+std::vector<Scenario> DiscoveryScenarios();
 
 #endif

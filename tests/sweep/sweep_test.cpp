@@ -204,5 +204,11 @@ INSTANTIATE_TEST_SUITE_P(Profiles, Sweep, testing::ValuesIn(ProfileScenarios()),
                          [](const auto &scenario) { return scenario.param.name; });
 INSTANTIATE_TEST_SUITE_P(Storage, Sweep, testing::ValuesIn(StorageScenarios()),
                          [](const auto &scenario) { return scenario.param.name; });
+INSTANTIATE_TEST_SUITE_P(MetadataFiles, Sweep, testing::ValuesIn(MetadataFilesScenarios()),
+                         [](const auto &scenario) { return scenario.param.name; });
+INSTANTIATE_TEST_SUITE_P(FlashCache, Sweep, testing::ValuesIn(FlashCacheScenarios()),
+                         [](const auto &scenario) { return scenario.param.name; });
+INSTANTIATE_TEST_SUITE_P(Discovery, Sweep, testing::ValuesIn(DiscoveryScenarios()),
+                         [](const auto &scenario) { return scenario.param.name; });
 
 } // namespace

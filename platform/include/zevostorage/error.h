@@ -12,9 +12,11 @@
 #include <vunkcore/error.h>
 
 enum {
-	ZEVO_ERR_NO_DEVICE = 0x2100,  /**< there is no such block device, or none any more */
-	ZEVO_ERR_BAD_ANSWER = 0x2200, /**< the kernel's answer could not be understood */
-	ZEVO_ERR_NOT_BTRFS = 0xD900   /**< the path does not lie on a Btrfs file system */
+	ZEVO_ERR_NO_DEVICE = 0x2100,      /**< there is no such block device, or none any more */
+	ZEVO_ERR_BAD_ANSWER = 0x2200,     /**< the kernel's answer could not be understood */
+	ZEVO_ERR_NO_LAYER = 0x0600,       /**< the volume lies on no virtual device */
+	ZEVO_ERR_NO_VOLUME_CONF = 0xC200, /**< the volume has no settings of its own */
+	ZEVO_ERR_NOT_BTRFS = 0xD900       /**< the path does not lie on a Btrfs file system */
 };
 
 #endif

@@ -1,0 +1,175 @@
+#include "btrfs_metadata_cache/chunk_discovery.h"
+
+#include "btrfs_metadata_cache/chunk_lookup.h"
+#include "btrfs_metadata_cache/chunk_tree_search.h"
+#include "support/check.h"
+#include "support/handles.h"
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include <fcntl.h>
+#include <linux/btrfs_tree.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+
+static_assert(BLKGETSIZE64 == 0x80081272);
+static_assert(BTRFS_IOC_FS_INFO == 0x8400941F && BTRFS_IOC_DEV_INFO == 0xD000941E);
+
+namespace {
+
+constexpr uint64_t kMetadataTypes = BTRFS_BLOCK_GROUP_SYSTEM | BTRFS_BLOCK_GROUP_METADATA;
+constexpr int kSuperblockCopies = 3;
+constexpr uint64_t kSuperblockSize = 4096;
+
+constexpr uint64_t SuperblockOffset(int iCopy)
+{
+	return iCopy == 0 ? 0x10000 : uint64_t{16384} << (12 * iCopy);
+}
+
+static_assert(SuperblockOffset(1) == 0x4000000 && SuperblockOffset(2) == 0x4000000000);
+
+// 0 when the file system's device of that id is the block device szDevPath; otherwise -1 with errno, which is EXDEV
+// when it is another one, or has a name by which it is not to be found.
+int CheckDevice(int volume, uint64_t devid, const char *szDevPath)
+{
+	btrfs_ioctl_dev_info_args info = {};
+	info.devid = devid;
+	if (ioctl(volume, BTRFS_IOC_DEV_INFO, &info) != 0)
+		return -1;
+	info.path[sizeof(info.path) - 1] = '\0';
+	const char *const szPath = reinterpret_cast<const char *>(info.path);
+	// One name is one device; of a device that is missing the kernel has none.
+	if (szPath[0] != '\0' && strcmp(szPath, szDevPath) == 0)
+		return 0;
+	struct stat wanted;
+	if (stat(szDevPath, &wanted) != 0)
+		return -1;
+	struct stat device;
+	if (stat(szPath, &device) == 0 && S_ISBLK(wanted.st_mode) && S_ISBLK(device.st_mode) &&
+	    device.st_rdev == wanted.st_rdev)
+		return 0;
+	errno = EXDEV;
+	return -1;
+}
+
+// What the appliance's kernel would answer, from the chunk tree.
+int LookUpInTree(int volume, const char *szDevPath, btrfs_ioctl_chunk_lookup_args &request)
+{
+	TreeChunk chunk;
+	const int result = FindChunk(volume, request.type, request.logical, chunk);
+	if (result != 0)
+		return result == 1 ? 0 : -1; // no chunk has no stripes
+	request.logical = chunk.logical;
+	request.length = chunk.length;
+	request.num_stripes = chunk.stripe_count;
+	if (chunk.stripe_count > 2)
+		return 0; // for the caller to refuse
+	for (unsigned i = 0; i < chunk.stripe_count; ++i) {
+		if (chunk.stripe[i].devid != chunk.stripe[0].devid) {
+			errno = EXDEV;
+			return -1;
+		}
+		request.stripe_offset[i] = chunk.stripe[i].offset;
+	}
+	return CheckDevice(volume, chunk.stripe[0].devid, szDevPath);
+}
+
+// The kernel's answer to a lookup does not say which device an offset lies on, so it can be understood only where there
+// is one device. What does not know how many it has cannot be asked further.
+int CheckSingleDevice(int volume)
+{
+	btrfs_ioctl_fs_info_args info = {};
+	if (ioctl(volume, BTRFS_IOC_FS_INFO, &info) != 0)
+		return errno == ENOTTY ? 0 : -1;
+	if (info.num_devices <= 1)
+		return 0;
+	errno = EXDEV;
+	return -1;
+}
+
+// ENOTTY is what Btrfs says to a number that it does not know, and EOPNOTSUPP to one that it was built without. EINVAL
+// is not among them: it comes from a kernel that has the request and does not like it, which must be seen.
+int LookUp(int volume, const char *szDevPath, btrfs_ioctl_chunk_lookup_args &request)
+{
+	if (ioctl(volume, kChunkLookup, &request) != 0)
+		return errno == ENOTTY || errno == EOPNOTSUPP ? LookUpInTree(volume, szDevPath, request) : -1;
+	return request.num_stripes == 1 || request.num_stripes == 2 ? CheckSingleDevice(volume) : 0;
+}
+
+int DeviceSize(const char *szDevPath, uint64_t &size)
+{
+	const FileDescriptor device(open(szDevPath, O_RDONLY | O_CLOEXEC));
+	if (!device) {
+		LOG_ERROR_ONLY("Failed to open path [%s]. errno[%d]", szDevPath, errno);
+		return -1;
+	}
+	if (ioctl(device.get(), BLKGETSIZE64, &size) != 0) {
+		LOG_ERROR_ONLY("Failed to get device size on [%s]\n errno[%d]", szDevPath, errno);
+		return -1;
+	}
+	return 0;
+}
+
+} // namespace
+
+int BtrfsMetadataCacheSuperblockNext(const char *szVolPath, const char *szDevPath, chunk_info *pChunk, int)
+{
+	CHECK_ARGUMENT(__null != szVolPath);
+	CHECK_ARGUMENT(NULL != szDevPath);
+
+	const int copy = static_cast<int32_t>(pChunk->offset);
+	if (copy >= kSuperblockCopies)
+		return 1;
+	if (copy < 0) {
+		SET_ERROR(kErrBadArgument);
+		return -1;
+	}
+	uint64_t size = 0;
+	if (DeviceSize(szDevPath, size) != 0)
+		return -1;
+	const uint64_t offset = SuperblockOffset(copy);
+	if (size <= offset + kSuperblockSize)
+		return 1;
+	pChunk->offset = static_cast<unsigned long long>(copy) + 1;
+	pChunk->size = kSuperblockSize;
+	pChunk->stripe_count = 1;
+	pChunk->stripe_offset[0] = offset;
+	return 0;
+}
+
+int BtrfsMetadataCacheChunkNext(const char *szVolPath, const char *szDevPath, chunk_info *pChunk, int)
+{
+	CHECK_ARGUMENT(__null != szVolPath);
+	CHECK_ARGUMENT(NULL != szDevPath);
+
+	const FileDescriptor volume(open(szVolPath, O_RDONLY | O_CLOEXEC));
+	if (!volume) {
+		LOG_ERROR_ONLY("Failed to open path [%s]. errno[%d]", szVolPath, errno);
+		return -1;
+	}
+	btrfs_ioctl_chunk_lookup_args request = {};
+	request.logical = pChunk->offset + pChunk->size;
+	request.type = kMetadataTypes;
+	if (LookUp(volume.get(), szDevPath, request) != 0) {
+		LOG_ERROR_ONLY("Failed to find metadata chunk info on [%s] errno[%d]", szVolPath, errno);
+		return -1;
+	}
+	if (request.num_stripes == 0)
+		return 1;
+	if (request.num_stripes > 2) {
+		const unsigned long long stripes = request.num_stripes;
+		LOG_ERROR_ONLY("Failed to stripe count overflow [%llu]", stripes);
+		return -1;
+	}
+	pChunk->offset = request.logical;
+	pChunk->size = request.length;
+	pChunk->stripe_count = request.num_stripes;
+	pChunk->stripe_offset[0] = request.stripe_offset[0];
+	if (request.num_stripes == 2)
+		pChunk->stripe_offset[1] = request.stripe_offset[1];
+	return 0;
+}

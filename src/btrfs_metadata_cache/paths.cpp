@@ -1,0 +1,107 @@
+#include "btrfs_metadata_cache/paths.h"
+
+#include "support/check.h"
+#include "support/handles.h"
+#include "utils/system_access.h"
+
+#include <zevostorage/error.h>
+#include <zevostorage/file_system.h>
+
+#include <cstdio>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace {
+
+constexpr char kMappingFolder[] = "@eaDir";
+constexpr char kMappingFile[] = "zevo_btrfs_metadata_mapping_config";
+constexpr char kRunFolder[] = "/run/zevotuned/metadata_cache";
+constexpr mode_t kMode = 0644;
+
+bool CreateFile(const char *szPath)
+{
+	// As creat(), but neither through a link that leads nowhere, nor emptying a file that has come into being meanwhile.
+	const FileDescriptor file(open(szPath, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kMode));
+	if (!file) {
+		LOG_ERROR_ONLY("Failed to create [%s]\n", szPath);
+		SET_ERROR(kErrNotCreated);
+		return false;
+	}
+	fchmod(file.get(), kMode); // whatever the caller's umask has left of it
+	return true;
+}
+
+// 1: there, or made; 0: not there, or not to be made; -1: something else than a file is.
+int FindOrCreateFile(const char *szPath, bool fCreate)
+{
+	const int present = CheckFileExist(szPath);
+	if (present < 0) {
+		SET_ERROR(kErrNotRegularFile);
+		return -1;
+	}
+	if (present == 1 || !fCreate)
+		return present;
+	return CreateFile(szPath) ? 1 : 0;
+}
+
+// Of the files that are gone after a restart.
+int RunPathGet(const char *szUuid, const char *szSuffix, char *szPathOut, bool fCreate)
+{
+	if (CreateRunTunedDir() != 0 || CheckOrCreateDir(kRunFolder, true) != 1)
+		return -1;
+	snprintf(szPathOut, VolumePath::capacity(), "%s/%s.%s", kRunFolder, szUuid, szSuffix);
+	return FindOrCreateFile(szPathOut, fCreate);
+}
+
+} // namespace
+
+int BtrfsMetadataCacheUuidGet(const char *szVolPath, UuidText &uuid)
+{
+	// Callers take 0xD900 for "nothing to do", so one that an earlier call has left must not be seen as this one's.
+	VUNKCErrSetEx(VUNKC_ERR_NONE, "", 0);
+	const int type = ZEVOGetFSType(szVolPath, 0);
+	if (type >= 0 && type != ZEVO_FS_BTRFS) {
+		SET_ERROR(ZEVO_ERR_NOT_BTRFS);
+		return -1;
+	}
+	if (type < 0 || ZEVOFSGetBTRFSUuid(szVolPath, uuid.data(), UuidText::capacity()) != 0) {
+		LOG_ERROR("Failed to get UUID from [%s]\n", szVolPath);
+		return -1;
+	}
+	return 0;
+}
+
+int BtrfsMetadataCacheConfigPathGet(const char *szVolPath, char *szPathOut, bool fCreate)
+{
+	const VolumePath folder("%s/%s", szVolPath, kMappingFolder);
+	const int hasFolder = CheckOrCreateDir(folder.c_str(), fCreate);
+	if (fCreate && hasFolder != 1) {
+		LOG_ERROR("Failed to create pin btrfs metadata directory [%s] ", folder.c_str());
+		return -1;
+	}
+	if (hasFolder < 0) {
+		LOG_ERROR("Failed to get zevotuned config directory ");
+		return -1;
+	}
+	snprintf(szPathOut, VolumePath::capacity(), "%s/%s/%s", szVolPath, kMappingFolder, kMappingFile);
+	const int hasFile = FindOrCreateFile(szPathOut, fCreate);
+	return fCreate && hasFile != 1 ? -1 : hasFile;
+}
+
+int BtrfsMetadataCacheProgressPathGet(const char *szUuid, char *szPathOut, bool fCreate)
+{
+	if (*szUuid == '\0') {
+		LOG_ERROR("Failed to get or create progress file with un-initialized uuid.");
+		return -1;
+	}
+	return RunPathGet(szUuid, "progress", szPathOut, fCreate);
+}
+
+int BtrfsMetadataCachePidPathGet(const char *szVolPath, char *szPathOut, bool fCreate)
+{
+	UuidText uuid;
+	if (BtrfsMetadataCacheUuidGet(szVolPath, uuid) != 0)
+		return -1;
+	return RunPathGet(uuid.c_str(), "pid", szPathOut, fCreate);
+}

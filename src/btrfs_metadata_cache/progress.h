@@ -1,0 +1,15 @@
+#ifndef BTRFS_METADATA_CACHE_PROGRESS_H
+#define BTRFS_METADATA_CACHE_PROGRESS_H
+
+#include "btrfs_metadata_cache/context.h"
+
+// The progress file: a pair file with the engine's "pid" and the bytes "total" and "current", there while a volume's metadata
+// is pinned for the first time.
+
+// Writes it anew. 0 or -1.
+int BtrfsMetadataCacheProgressWriteFile(const MetadataCacheContext &ctx);
+
+// Removes it. 0, also when it is not there, or -1.
+int BtrfsMetadataCacheProgressEnd(const char *szUuid);
+
+#endif
