@@ -4,6 +4,7 @@
 The environment variable ZEVOTUNE holds the tool's path. Runs as root inside of tests/lab/enter only.
 """
 
+import errno
 import fcntl
 import glob
 import json
@@ -11,9 +12,11 @@ import os
 import re
 import shutil
 import stat
+import struct
 import subprocess
 import sys
 import tempfile
+import termios
 import time
 import unittest
 
@@ -40,7 +43,7 @@ DEFAULTS = {
     "btrfs_metadata_cache_space_usage_limit": "100",
     "btrfs_metadata_cache_read_throttle_wait_mult": "0",
 }
-COMMANDS = [["list"], ["current"], ["set"], ["apply"], ["devices"], ["config"], ["config", "get"],
+COMMANDS = [["list"], ["current"], ["set"], ["apply"], ["devices"], ["metadata"], ["config"], ["config", "get"],
             ["config", "set"], ["config", "list"]]
 SEE_LOG = " (the whole chain is in the system's log: journalctl -t zevotune)"
 
@@ -207,7 +210,7 @@ class Usage(Machine):
         text = self.succeeds("--help")
         self.assertEqual(self.succeeds("-h"), text)
         self.assertIn("Usage: zevotune [OPTIONS] SUBCOMMAND\n", text)
-        for name in ["list", "current", "set", "apply", "devices", "config"]:
+        for name in ["list", "current", "set", "apply", "devices", "metadata", "config"]:
             self.assertRegex(text, rf"\n  {name} +\S")
         for part in [SHIPPED, LOCAL, SHIPPED_GLOBAL, LOCAL_GLOBAL, "journalctl -t zevotune", "--json", "--version"]:
             self.assertIn(part, text)
@@ -235,8 +238,8 @@ class Usage(Machine):
         for key, value in written.items():
             self.assertIn(f"\n  {key} (default: {value})\n", text)
 
-    def test_help_of_commands_that_write_says_that_they_take_root(self):
-        for command in [["set"], ["apply"], ["config", "set"]]:
+    def test_help_of_commands_that_take_root_says_so(self):
+        for command in [["set"], ["apply"], ["metadata"], ["config", "set"]]:
             self.assertIn("\nTakes root.\n", self.succeeds(*command, "--help"))
 
     def test_wrong_usage(self):
@@ -250,6 +253,7 @@ class Usage(Machine):
         self.wrong("NAME is required", "zevotune set", "set")
         self.wrong("KEY is required", "zevotune config get", "config", "get")
         self.wrong("VALUE is required", "zevotune config set", "config", "set", "lock")
+        self.wrong("VOLUME is required", "zevotune metadata", "metadata", "--list")
         self.wrong("The following argument was not expected: b", "zevotune set", "set", "a", "b")
 
     def test_names_of_commands_are_names_of_profiles_too(self):
@@ -1164,6 +1168,227 @@ RAID arrays: none
                 "see the kernel's log (dmesg), and whether /proc and /sys are mounted")
         os.chmod(hardware.mountinfo, 0o600)
         refused("cannot list the volumes: /proc/thread-self/mountinfo" + unreadable, user="nobody")
+
+
+def program(*words):
+    """Returns what it prints."""
+    result = subprocess.run(words, check=False, capture_output=True, text=True)
+    if result.returncode != 0:
+        raise RuntimeError(f"{words} ended with status {result.returncode}: {result.stderr}")
+    return result.stdout.strip()
+
+
+class Metadata(Machine):
+    """On Btrfs volumes of the real kernel."""
+
+    SEE_VOLUMES = ' ("zevotune devices" lists the volumes)'
+    MIB = 1 << 20
+    GIB = 1 << 30
+
+    @classmethod
+    def setUpClass(cls):
+        try:
+            os.close(os.open("/dev/loop-control", os.O_RDWR))
+        except OSError as reason:
+            raise unittest.SkipTest(f"there are no loop devices here: {reason}")
+        super().setUpClass()
+        # The lab's /sys is an overlay, which takes a loop device that has gone and come back for a stale one.
+        program("mount", "--bind", "/run/lab/kernel-sys", "/sys")
+        cls.addClassCleanup(program, "umount", "/sys")
+
+    def setUp(self):
+        super().setUp()
+        self.locale = "C"
+        self.prefix = []
+        self.folder = tempfile.mkdtemp()
+        self.addCleanup(shutil.rmtree, self.folder)
+        os.chmod(self.folder, 0o755)
+
+    def command(self, arguments, user):
+        return self.prefix + super().command(arguments, user)
+
+    def run_tool(self, *arguments, **options):
+        return super().run_tool(*arguments, **{"env": os.environ | {"LC_ALL": self.locale}} | options)
+
+    def device(self, size):
+        """A loop device on a sparse file."""
+        image, path = tempfile.mkstemp(dir=self.folder)
+        os.truncate(image, size)
+        os.close(image)
+        device = program("losetup", "--find", "--show", path)
+        self.addCleanup(subprocess.run, ["losetup", "--detach", device], stderr=subprocess.DEVNULL, check=False)
+        return device
+
+    def mount(self, *words):
+        path = tempfile.mkdtemp(dir=self.folder)
+        os.chmod(path, 0o755)
+        program("mount", *words, path)
+        self.addCleanup(program, "umount", path)
+        return path
+
+    def volume(self, size, *options):
+        device = self.device(size)
+        program("mkfs.btrfs", "--quiet", "--nodiscard", *options, device)
+        return self.mount("--options", "metadata_ratio=1", device), device
+
+    def chunks(self, device):
+        """As Btrfs' own tool shows them."""
+        program("sync")
+        chunks = []
+        dump = program("btrfs", "inspect-internal", "dump-tree", "--tree", "chunk", device)
+        for item in re.split(r"\n\titem ", dump)[1:]:
+            key = re.search(r"CHUNK_ITEM (\d+)\)", item)
+            types = re.search(r" type (\S+)", item)
+            if key is None or not {"SYSTEM", "METADATA"} & set(types[1].split("|")):
+                continue
+            kind = "mixed" if "DATA" in types[1].split("|") else "system" if "SYSTEM" in types[1] else "metadata"
+            chunks.append({"logical_offset": int(key[1]), "size": int(re.search(r"length (\d+)", item)[1]),
+                           "type": kind, "profile": "DUP" if "DUP" in types[1] else "single",
+                           "device_offsets": [int(offset) for offset in re.findall(r"devid 1 offset (\d+)", item)]})
+        return chunks
+
+    def shown(self, device, path, size, superblocks):
+        chunks = self.chunks(device)
+        self.assertTrue(chunks)
+        on_device = sum(chunk["size"] * len(chunk["device_offsets"]) for chunk in chunks)
+        return {"path": path, "device": device, "device_size": size,
+                "uuid": program("blkid", "--probe", "--output", "value", "--match-tag", "UUID", device),
+                "chunks": chunks,
+                "superblocks": [{"copy": i + 1, "size": 4096, "device_offset": offset}
+                                for i, offset in enumerate(superblocks)],
+                "totals": {"chunks": len(chunks), "logical_size": sum(chunk["size"] for chunk in chunks),
+                           "size_on_device": on_device, "counted_by_kernel": on_device}}
+
+    def test_json_is_what_btrfs_itself_shows(self):
+        for size, options, superblocks in [
+                (256 * self.MIB, ["--metadata", "single"], [65536, 64 * self.MIB]),
+                (256 * self.MIB, ["--metadata", "dup"], [65536, 64 * self.MIB]),
+                (64 * self.MIB, ["--mixed"], [65536]),
+                (300 * self.GIB, [], [65536, 64 * self.MIB, 256 * self.GIB])]:
+            with self.subTest(size=size, options=options):
+                path, device = self.volume(size, *options)
+                before = tree()
+                self.prints_json(self.shown(device, path, size, superblocks), "metadata", path)
+                self.assertEqual(tree(), before)
+
+    def test_takes_every_name_of_a_volume(self):
+        path, device = self.volume(256 * self.MIB)
+        write(path + "/folder/file", "text")
+        os.symlink(device, self.folder + "/link")
+        text = self.succeeds("metadata", path)
+        self.assertTrue(text.startswith(f"{path}  on {device}, 256 MiB\n"), text)
+        for name in [device, path + "/", path + "/folder", path + "/folder/file", self.folder + "/link"]:
+            with self.subTest(name=name):
+                self.prints(text, "metadata", name)
+
+    def test_lists_a_few_chunks_with_a_map(self):
+        path, device = self.volume(256 * self.MIB)
+        text = self.succeeds("metadata", path)
+        for chunk in self.chunks(device):
+            self.assertRegex(text, rf"\n{chunk['logical_offset']} +\d+ MiB +{chunk['type']} +{chunk['profile']} +"
+                             + ", ".join(map(str, chunk["device_offsets"])) + "\n")
+        self.assertRegex(text, r"\n     0 B \|s[.#*+-]{63}\|\n  64 MiB \|[Ss][.#*+-]{63}\|\n 128 MiB \|")
+        self.assertTrue(text.endswith("a cell: 1 MiB  . no metadata  - to 1/3  + to 2/3  * more  # all\n"
+                                      "s superblock copy  S both\n"), text)
+
+    def test_draws_in_unicode_where_the_locale_is_utf8(self):
+        path, _ = self.volume(256 * self.MIB)
+        plain = self.succeeds("metadata", path)
+        self.locale = "C.UTF-8"
+        shaded = plain.splitlines()
+        for i, line in enumerate(shaded):
+            if line.endswith("|"):
+                shaded[i] = line.translate(str.maketrans(".-+*#", "·░▒▓█"))
+            elif line.startswith("a cell"):
+                shaded[i] = "a cell: 1 MiB  · no metadata  ░ to 1/3  ▒ to 2/3  ▓ more  █ all"
+        self.prints("\n".join(shaded) + "\n", "metadata", path)
+
+    def test_is_as_wide_as_the_terminal(self):
+        path, _ = self.volume(256 * self.MIB)
+        for columns, cells in [(132, 112), (40, 16), (10, 8), (0, 64)]:  # 0: a terminal that does not tell
+            with self.subTest(columns=columns):
+                master, slave = os.openpty()
+                fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
+                self.assertEqual(self.run_tool("metadata", path, stdout=slave), (0, None, ""))
+                os.close(slave)
+                text = b""
+                try:
+                    while part := os.read(master, 4096):
+                        text += part
+                except OSError as reason:
+                    self.assertEqual(reason.errno, errno.EIO)  # nobody has the other side open any more
+                os.close(master)
+                rows = [line for line in text.decode().splitlines() if line.endswith("|")]
+                self.assertEqual(len(rows[0]), 9 + 2 + cells)
+
+    def test_sums_up_many_chunks_unless_the_list_is_asked_for(self):
+        path, device = self.volume(100 * self.GIB)
+        # Behind every data chunk the volume makes one for metadata.
+        for i in range(8):
+            program("fallocate", "--length", "1G", f"{path}/data{i}")
+            write(f"{path}/file{i}", "")
+            program("sync", "--file-system", path)
+        chunks = self.chunks(device)
+        self.assertGreater(len(chunks), 6)
+        self.assertEqual(json.loads(self.succeeds("metadata", path, "--json"))["chunks"], chunks)
+        text = self.succeeds("metadata", path)
+        self.assertRegex(text, r"\nCHUNKS  OF SIZE  TYPE +PROFILE  ON THE DEVICE\n\d+ +\S+ [GM]iB +metadata  DUP ")
+        self.assertIn("\n(--list shows each of them)\n", text)
+        rows = self.succeeds("metadata", path, "--list").split("DEVICE OFFSETS\n")[1].split("\n\n")[0].splitlines()
+        self.assertEqual([int(row.split()[0]) for row in rows], [chunk["logical_offset"] for chunk in chunks])
+
+    def refused(self, volume, reason, user="root"):
+        for arguments in [["metadata", volume], ["metadata", "--json", volume]]:
+            self.fails(f"cannot show the metadata of \"{volume}\": {reason}", *arguments, user=user)
+
+    def test_a_volume_on_several_devices(self):
+        devices = [self.device(256 * self.MIB), self.device(256 * self.MIB)]
+        program("mkfs.btrfs", "--quiet", "--nodiscard", "--metadata", "raid1", *devices)
+        # Without udev nobody tells the kernel which devices belong together; naming them does.
+        path = self.mount("--options", f"device={devices[0]},device={devices[1]}", devices[0])
+        self.refused(path, "it lies on 2 devices, and only of volumes on one device can be told what lies where")
+
+    def test_what_is_no_btrfs_volume(self):
+        device = self.device(64 * self.MIB)
+        program("mkfs.ext4", "-q", device)
+        path = self.mount(device)
+        for name in [path, device]:
+            self.refused(name, "it is not a Btrfs volume" + self.SEE_VOLUMES)
+        for name in [path + "/", path + "/lost+found", self.folder, "/proc/version"]:
+            self.refused(name, "it does not lie on a Btrfs volume" + self.SEE_VOLUMES)
+
+    def test_what_is_not_there_or_not_mounted(self):
+        self.refused("/nowhere", "No such file or directory; name a path on a volume, or its device" + self.SEE_VOLUMES)
+        self.refused("", "No such file or directory; name a path on a volume, or its device" + self.SEE_VOLUMES)
+        device = self.device(256 * self.MIB)
+        program("mkfs.btrfs", "--quiet", "--nodiscard", device)
+        self.refused(device, "it is the device of no mounted volume; mount it, or name the volume's path" +
+                     self.SEE_VOLUMES)
+
+    def test_without_what_the_kernel_asks_for(self):
+        path, device = self.volume(256 * self.MIB)
+        for name in [path, device]:
+            self.refused(name, "the kernel tells root alone where it lies; run zevotune as root (sudo)", user="nobody")
+        self.prefix = ["setpriv", "--bounding-set", "-sys_admin"]
+        self.refused(path, f"the kernel does not say where on {device} it lies; the system's log says why "
+                     "(journalctl -t zevotune)")
+
+    def test_where_the_mounted_volumes_cannot_be_told(self):
+        path, _ = self.volume(256 * self.MIB)
+        table = write(self.folder + "/mountinfo", "20 1 0:5 / / rw - tmpfs tmpfs rw\n")
+        self.prefix = ["unshare", "--mount", "sh", "-c", 'mount --bind "$0" /proc/$$/task/$$/mountinfo && exec "$@"',
+                       table]
+        self.refused(path, "the device of its file system is gone, or it has just been unmounted")
+        os.chmod(table, 0o600)
+        self.fails("cannot list the volumes' devices: /proc/thread-self/mountinfo cannot be read; "
+                   "see the kernel's log (dmesg), and whether /proc and /sys are mounted",
+                   "metadata", path, user="nobody")
+
+    def test_a_device_that_has_no_name_any_more(self):
+        path, device = self.volume(256 * self.MIB)
+        self.prefix = ["unshare", "--mount", "sh", "-c", 'mount --bind /dev/null "$0" && exec "$@"', device]
+        self.fails(f"cannot tell the size of {device} (Inappropriate ioctl for device); see whether it is there",
+                   "metadata", path)
 
 
 if __name__ == "__main__":

@@ -10,6 +10,7 @@ void Current(bool json);
 void Set(const std::string &name, bool json);
 void Apply(bool json);
 void Devices(bool json);
+void Metadata(const std::string &volume, bool list, bool json);
 
 void ConfigGet(const std::string &key, bool json);
 void ConfigSet(const std::string &key, const std::string &value, bool force, bool json);

@@ -14,7 +14,8 @@ A profile is known by the "name" in its section [main], not by its file name.
 One file there that cannot be read as a profile stops all commands that look
 at profiles; the message names the file and the line.
 
-Everybody may list and read; "set", "apply" and "config set" take root (sudo).
+Everybody may list and read; "set", "apply", "config set" and "metadata" take
+root (sudo).
 
 Exit status: 0 done; 1 failed, with one line on standard error that says what
 failed, where, why, and what to do; 2 wrong usage. The system's log has the
@@ -112,6 +113,36 @@ The branches are drawn in ASCII unless the locale's character set is UTF-8.
            schedulers (all), tunables, sections, error
 "sections" are the names of those that change it. What is unknown is null, or
 an empty array, with the reason in "error", which is null otherwise.)help";
+
+const char *const kMetadata =
+	R"help(Shows where a mounted Btrfs volume has its metadata: the chunks of types
+metadata and system (also those that hold data besides), and the copies of the
+superblock. Space that is set aside for metadata counts, full or not; with
+profile DUP it lies on the device twice. Nothing is changed.
+
+A few chunks are listed; of many it is shown how many there are of each size,
+unless --list is given. SIZE is rounded, offsets are in bytes.
+
+The map shows the whole device in eight lines at most, as wide as the terminal,
+or 80 columns. In front of each line stands the offset at which it begins. How
+dark a cell is says how much of it is metadata. It is drawn in ASCII unless the
+locale's character set is UTF-8.
+
+Only volumes on one device can be shown. Behind LVM, RAID or a cache, the device
+is that which is mounted, not the disks below it.
+
+Takes root.
+
+--json: an object with
+  path, uuid, device   strings
+  device_size          bytes, as all sizes and offsets
+  superblocks          objects with copy (1, 2, 3), size, device_offset
+  chunks               objects with logical_offset, size, profile ("single",
+                       "DUP"), device_offsets (one or two), type ("system",
+                       "metadata", "mixed" with data; null: unknown)
+  totals               chunks (how many), logical_size, size_on_device (DUP
+                       twice), counted_by_kernel: the same as size_on_device
+                       unless chunks have come or gone meanwhile)help";
 
 const char *const kConfig =
 	R"help(The configuration is the file /usr/zevo/etc/zevotuned/config.

@@ -13,6 +13,7 @@ extern const char *const kCurrent;
 extern const char *const kSet;
 extern const char *const kApply;
 extern const char *const kDevices;
+extern const char *const kMetadata;
 extern const char *const kConfig;
 extern const char *const kConfigGet;
 extern const char *const kConfigList;

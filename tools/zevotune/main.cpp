@@ -22,7 +22,9 @@ constexpr int kWrongUsage = 2;
 struct Request {
 	bool json = false;
 	bool force = false;
+	bool list = false;
 	std::string name;
+	std::string volume;
 	std::string key;
 	std::string value;
 	std::function<void()> command;
@@ -92,6 +94,12 @@ void AddCommands(CLI::App &tool, Request &request)
 	CLI::App &devices = AddCommand(tool, request, "devices", "show what profiles concern: volumes, arrays, disks",
 	                               help::kDevices);
 	Run(devices, request, [&request] { Devices(request.json); });
+
+	CLI::App &metadata = AddCommand(tool, request, "metadata",
+	                                "show where on its device a Btrfs volume's metadata lies", help::kMetadata);
+	metadata.add_option("VOLUME", request.volume, "a path on the volume, or its device")->required();
+	metadata.add_flag("--list", request.list, "list every chunk");
+	Run(metadata, request, [&request] { Metadata(request.volume, request.list, request.json); });
 
 	AddConfigCommands(tool, request);
 }

@@ -1,0 +1,12 @@
+#ifndef ZEVOTUNE_TERMINAL_H
+#define ZEVOTUNE_TERMINAL_H
+
+#include <cstddef>
+
+/// Whether the environment's locale has UTF-8.
+bool IsUtf8Locale();
+
+/// How wide standard output is: 80 columns where it is no terminal, or one that does not tell.
+size_t OutputColumns();
+
+#endif
