@@ -171,6 +171,8 @@ private:
 
 bool IsVirtual(const std::string &kernelName)
 {
+	if (zevos::DiskOfPartition(kernelName))
+		return false;
 	return kernelName.starts_with("bcache") || ReadAttribute(BlockPath(kernelName, "/dm/name")) ||
 	       ReadAttribute(BlockPath(kernelName, "/md/array_state"));
 }
@@ -207,14 +209,14 @@ int ZEVOFlashCachePinIsVolumeSupport(const char *szVolPath)
 {
 	constexpr unsigned needed = ZEVO_FLASH_CACHE_SUPPORT_PIN_RANGE | ZEVO_FLASH_CACHE_SUPPORT_PIN;
 	if (szVolPath == nullptr)
-		return VUNKC_FAIL(0, VUNKC_ERR_BAD_ARGUMENT);
-	return ZEVOS_GUARD(0, [&] {
+		return VUNKC_FAIL(-1, VUNKC_ERR_BAD_ARGUMENT);
+	return ZEVOS_GUARD(-1, [&] {
 		const Spaces spaces;
 		if (spaces.HasFailed())
-			return 0;
+			return -1;
 		const ZEVOSPACEINFO *const space = spaces.Find(szVolPath);
 		if (space == nullptr)
-			return vunkc::FailAt(0, ZEVO_ERR_NO_DEVICE, szVolPath, 0);
+			return vunkc::FailAt(-1, ZEVO_ERR_NO_DEVICE, szVolPath, 0);
 		// Of real ones none can.
 		const auto cache = zevos::FindDeclaredCache(space->szVolPath, space->szDevice, space->szAltDevice);
 		return cache && cache->mode != ZEVO_FLASH_CACHE_MODE_REMOVED && (cache->flags & needed) == needed ? 1

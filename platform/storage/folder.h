@@ -15,9 +15,9 @@ namespace zevos {
 
 /// Makes a folder below one that is there, so that it is still there after a power cut. One that is there already is
 /// left as it is. Throws KernelFailure.
-inline void MakeFolder(const std::string &path)
+inline void MakeFolder(const std::string &path, mode_t mode = 0755)
 {
-	if (mkdir(path.c_str(), 0755) != 0) {
+	if (mkdir(path.c_str(), mode) != 0) {
 		if (errno != EEXIST)
 			throw KernelFailure(VUNKC_ERR_FILE_WRITE, path);
 		return;

@@ -1,14 +1,12 @@
 #include <zevostorage/notify.h>
 
 #include "storage/failure.h"
-
-#include <vunkcore/list.h>
+#include "storage/list_owner.h"
 
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -68,10 +66,6 @@ private:
 using Pair = std::pair<std::string, std::string>;
 using PairsOfHash = std::vector<Pair>;
 
-struct FreeList {
-	void operator()(VUNKSZLIST *list) const { VUNKCSzListFree(list); }
-};
-
 /// The pairs of a hash, which may be null, in its order; nothing on failure, with the error set.
 std::optional<PairsOfHash> PairsOf(const VUNKSZHASH *hash)
 {
@@ -82,7 +76,7 @@ std::optional<PairsOfHash> PairsOf(const VUNKSZHASH *hash)
 	if (list == nullptr)
 		return std::nullopt;
 	const int count = VUNKCSzHashEnumKey(hash, &list);
-	const std::unique_ptr<VUNKSZLIST, FreeList> keys(list);
+	const zevos::ListOwner keys(list);
 	if (count < 0)
 		return std::nullopt;
 	for (int i = 0; i < keys->nItem; ++i) {

@@ -1,6 +1,7 @@
 #include "storage/block_device.h"
 #include "storage/devices.h"
 #include "storage/failure.h"
+#include "storage/list_owner.h"
 #include "storage/mounts.h"
 #include "storage/records.h"
 
@@ -28,14 +29,10 @@ struct SpaceRecord : ZEVOSPACEINFO {
 };
 using SpaceList = zevos::RecordList<ZEVOSPACEINFO, SpaceRecord>;
 
-struct FreeList {
-	void operator()(VUNKSZLIST *list) const { VUNKCSzListFree(list); }
-};
-
 /// Appends the strings or, on failure, none. False on failure, with the error set.
 bool PushAll(VUNKSZLIST **ppsl, const zevos::Names &strings)
 {
-	std::unique_ptr<VUNKSZLIST, FreeList> extended(VUNKCSzListAlloc(1024));
+	zevos::ListOwner extended(VUNKCSzListAlloc(1024));
 	const auto push = [&extended](const char *string) {
 		VUNKSZLIST *list = extended.release();
 		const bool pushed = VUNKCSzListPush(&list, string) >= 0;

@@ -16,7 +16,9 @@
 namespace {
 
 constexpr char kDir[] = ZEVO_VOLUME_CONF_DIR;
-constexpr char kLock[] = ZEVO_VOLUME_CONF_DIR "/.lock"; // no UUID begins with a dot
+// No UUID begins with a dot. Whoever can read a lock file can keep writers out, so nobody else gets there.
+constexpr char kLockDir[] = ZEVO_VOLUME_CONF_DIR "/.lock";
+constexpr char kLock[] = ZEVO_VOLUME_CONF_DIR "/.lock/write";
 constexpr int kLockSeconds = 5;
 constexpr char kMetadataCache[] = "metadata_cache";
 
@@ -94,6 +96,7 @@ int ZEVOVolumeConfSet(const char *szVolPath, const ZEVOVOLUMECONF *pConf, int iF
 		if (!file)
 			return -1;
 		zevos::MakeFolder(kDir);
+		zevos::MakeFolder(kLockDir, 0700);
 		const WriteLock lock;
 		if (!lock.IsHeld())
 			return -1;

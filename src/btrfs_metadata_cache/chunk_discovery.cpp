@@ -79,14 +79,14 @@ int LookUpInTree(int volume, const char *szDevPath, btrfs_ioctl_chunk_lookup_arg
 }
 
 // The kernel's answer to a lookup does not say which device an offset lies on, so it can be understood only where there
-// is one device. What does not know how many it has cannot be asked further.
-int CheckSingleDevice(int volume)
+// is one device, and that is szDevPath. What does not know how many it has cannot be asked further.
+int CheckSingleDevice(int volume, const char *szDevPath)
 {
 	btrfs_ioctl_fs_info_args info = {};
 	if (ioctl(volume, BTRFS_IOC_FS_INFO, &info) != 0)
 		return errno == ENOTTY ? 0 : -1;
 	if (info.num_devices <= 1)
-		return 0;
+		return CheckDevice(volume, info.max_id, szDevPath);
 	errno = EXDEV;
 	return -1;
 }
@@ -97,7 +97,7 @@ int LookUp(int volume, const char *szDevPath, btrfs_ioctl_chunk_lookup_args &req
 {
 	if (ioctl(volume, kChunkLookup, &request) != 0)
 		return errno == ENOTTY || errno == EOPNOTSUPP ? LookUpInTree(volume, szDevPath, request) : -1;
-	return request.num_stripes == 1 || request.num_stripes == 2 ? CheckSingleDevice(volume) : 0;
+	return request.num_stripes == 1 || request.num_stripes == 2 ? CheckSingleDevice(volume, szDevPath) : 0;
 }
 
 int DeviceSize(const char *szDevPath, uint64_t &size)

@@ -12,7 +12,8 @@ namespace {
 
 constexpr char kConfigSection[] = "config";
 
-// A section of the mapping file, read and written as a whole; each step that fails leaves its line. The syntax of the file is
+// A section of the mapping file, read and written as a whole; reading and writing leave their
+// lines when they fail. The syntax of the file is
 // the core library's, and so is that readers find the old file or the new one, which is on disk when Write returns.
 class Section {
 public:

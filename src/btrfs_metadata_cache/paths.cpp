@@ -11,11 +11,13 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
 constexpr char kMappingFolder[] = "@eaDir";
 constexpr char kMappingFile[] = "zevo_btrfs_metadata_mapping_config";
+constexpr char kRunFolderAbove[] = "/run/zevotuned";
 constexpr char kRunFolder[] = "/run/zevotuned/metadata_cache";
 constexpr mode_t kMode = 0644;
 
@@ -45,13 +47,35 @@ int FindOrCreateFile(const char *szPath, bool fCreate)
 	return CreateFile(szPath) ? 1 : 0;
 }
 
+// A folder that two callers make at the same moment is there for both, although one of them has failed to make it.
+bool HasRunFolder()
+{
+	const bool hasAbove = CreateRunTunedDir() == 0 || CheckOrCreateDir(kRunFolderAbove, false) == 1;
+	return hasAbove && (CheckOrCreateDir(kRunFolder, true) == 1 || CheckOrCreateDir(kRunFolder, false) == 1);
+}
+
 // Of the files that are gone after a restart.
 int RunPathGet(const char *szUuid, const char *szSuffix, char *szPathOut, bool fCreate)
 {
-	if (CreateRunTunedDir() != 0 || CheckOrCreateDir(kRunFolder, true) != 1)
+	if (!HasRunFolder())
 		return -1;
 	snprintf(szPathOut, VolumePath::capacity(), "%s/%s.%s", kRunFolder, szUuid, szSuffix);
 	return FindOrCreateFile(szPathOut, fCreate);
+}
+
+// A volume is its users' data. What one of them has put where the mapping file belongs must not lead elsewhere, nor say which
+// ranges are to be unpinned.
+bool IsFolderItself(const char *szPath)
+{
+	struct stat status;
+	return lstat(szPath, &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+bool IsOwnFile(const char *szPath)
+{
+	struct stat status;
+	return lstat(szPath, &status) == 0 && S_ISREG(status.st_mode) &&
+	       (status.st_uid == 0 || status.st_uid == geteuid());
 }
 
 } // namespace
@@ -75,7 +99,11 @@ int BtrfsMetadataCacheUuidGet(const char *szVolPath, UuidText &uuid)
 int BtrfsMetadataCacheConfigPathGet(const char *szVolPath, char *szPathOut, bool fCreate)
 {
 	const VolumePath folder("%s/%s", szVolPath, kMappingFolder);
-	const int hasFolder = CheckOrCreateDir(folder.c_str(), fCreate);
+	int hasFolder = CheckOrCreateDir(folder.c_str(), fCreate);
+	if (hasFolder == 1 && !IsFolderItself(folder.c_str())) {
+		SET_ERROR(kErrNotDirectory);
+		hasFolder = -1;
+	}
 	if (fCreate && hasFolder != 1) {
 		LOG_ERROR("Failed to create pin btrfs metadata directory [%s] ", folder.c_str());
 		return -1;
@@ -86,6 +114,10 @@ int BtrfsMetadataCacheConfigPathGet(const char *szVolPath, char *szPathOut, bool
 	}
 	snprintf(szPathOut, VolumePath::capacity(), "%s/%s/%s", szVolPath, kMappingFolder, kMappingFile);
 	const int hasFile = FindOrCreateFile(szPathOut, fCreate);
+	if (hasFile == 1 && !IsOwnFile(szPathOut)) {
+		SET_ERROR(kErrNotRegularFile);
+		return -1;
+	}
 	return fCreate && hasFile != 1 ? -1 : hasFile;
 }
 

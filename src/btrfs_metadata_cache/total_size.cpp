@@ -28,13 +28,15 @@ struct SpaceCount {
 
 static_assert(sizeof(SpaceCount) == sizeof(btrfs_ioctl_space_args));
 
-// A request for so many spaces. Null for want of memory, or when so many have no place in an address space.
+// Btrfs has a handful; what claims to have more than this is not Btrfs.
+constexpr uint64_t kMostSpaces = 4096;
+
+// A request for so many spaces. Null for want of memory, or when there cannot be so many.
 std::unique_ptr<char[]> AllocRequest(uint64_t slots)
 {
-	size_t size;
-	if (__builtin_mul_overflow(slots, sizeof(btrfs_ioctl_space_info), &size) ||
-	    __builtin_add_overflow(size, sizeof(btrfs_ioctl_space_args), &size))
+	if (slots > kMostSpaces)
 		return nullptr;
+	const size_t size = sizeof(btrfs_ioctl_space_args) + slots * sizeof(btrfs_ioctl_space_info);
 	return std::unique_ptr<char[]>(new (std::nothrow) char[size]());
 }
 

@@ -128,6 +128,8 @@ private:
 		}
 		case BTRFS_IOC_FS_INFO:
 			static_cast<btrfs_ioctl_fs_info_args *>(argument)->num_devices = devices.size();
+			if (!devices.empty())
+				static_cast<btrfs_ioctl_fs_info_args *>(argument)->max_id = devices.rbegin()->first;
 			return 0;
 		case BTRFS_IOC_DEV_INFO: {
 			auto *const args = static_cast<btrfs_ioctl_dev_info_args *>(argument);

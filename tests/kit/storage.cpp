@@ -417,7 +417,7 @@ int ZEVOFlashCacheSupportFlagsGet(const ZEVOFLASHCACHECONFIG *pConfig, unsigned 
 
 int ZEVOFlashCachePinIsVolumeSupport(const char *szVolPath)
 {
-	FAIL_IN_TURN(0, ZEVOFlashCachePinIsVolumeSupport);
+	FAIL_IN_TURN(-1, ZEVOFlashCachePinIsVolumeSupport);
 	if (fake == nullptr)
 		return REAL(ZEVOFlashCachePinIsVolumeSupport)(szVolPath);
 	Called("ZEVOFlashCachePinIsVolumeSupport", szVolPath);

@@ -139,15 +139,13 @@ std::vector<Group> GroupsOf(const MetadataLayout &layout)
 // What is left of the rows goes into the last one.
 void KeepRows(std::vector<Group> &groups)
 {
-	while (groups.size() > kMostRows) {
-		Group last = std::move(groups.back());
-		groups.pop_back();
-		std::vector<chunk_info> &chunks = groups.back().chunks;
-		chunks.insert(chunks.end(), last.chunks.begin(), last.chunks.end());
-		groups.back().size = "others";
-		groups.back().type = "";
-		groups.back().profile = "";
-	}
+	if (groups.size() <= kMostRows)
+		return;
+	Group others{"others", "", "", {}};
+	for (size_t i = kMostRows - 1; i < groups.size(); ++i)
+		others.chunks.insert(others.chunks.end(), groups[i].chunks.begin(), groups[i].chunks.end());
+	groups.resize(kMostRows - 1);
+	groups.push_back(std::move(others));
 }
 
 std::string GroupsText(const MetadataLayout &layout)

@@ -102,9 +102,9 @@ VUNKC_API int ZEVOFlashCacheSupportFlagsGet(const ZEVOFLASHCACHECONFIG *pConfig,
 
 /**
  * @param szVolPath  the path of a volume, as a space record has it.
- * @return 1 when a cache stands in front of the volume that can pin ranges; 0 when not, or when that cannot be found out
- *         (the error stack tells then: as ZEVOSpaceInfoEnum and ZEVOFlashCacheConfigTmpGet, and ZEVO_ERR_NO_DEVICE when no
- *         volume is there). Mode 6 counts as no cache.
+ * @return 1 when a cache stands in front of the volume that can pin ranges; 0 when not; -1 when that cannot be found out:
+ *         as ZEVOSpaceInfoEnum and ZEVOFlashCacheConfigTmpGet, and ZEVO_ERR_NO_DEVICE when no volume is there. Who takes back
+ *         pins does so unless it is 0, lest they be forgotten over a mistake in a file. Mode 6 counts as no cache.
  */
 VUNKC_API int ZEVOFlashCachePinIsVolumeSupport(const char *szVolPath);
 

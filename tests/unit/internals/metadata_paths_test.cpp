@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <sys/stat.h>
@@ -196,6 +197,54 @@ TEST_F(MappingPath, IsNotMadeThroughALinkThatLeadsNowhere)
 	EXPECT_EQ(Mapping(true), -1);
 	EXPECT_FALSE(fs::exists(dir.Path("elsewhere")));
 	EXPECT_EQ(journal.Lines(), Lines{"btrfs_metadata_cache.cpp Failed to create [" + mapping + "]\n"});
+}
+
+// A volume is its users' data: what they put there is not followed, and not believed.
+TEST_F(MappingPath, IsNotLookedForBehindALink)
+{
+	fs::create_directory(dir.Path("elsewhere"));
+	fs::create_directory_symlink(dir.Path("elsewhere"), folder);
+	EXPECT_EQ(Mapping(false), -1);
+	EXPECT_EQ(Mapping(true), -1);
+	const std::string code = "[0xA000 btrfs_metadata_cache.cpp]";
+	EXPECT_EQ(journal.Lines(), (Lines{"btrfs_metadata_cache.cpp Failed to get zevotuned config directory " + code,
+	                                  "btrfs_metadata_cache.cpp Failed to create pin btrfs metadata directory [" +
+	                                          folder + "] " + code}));
+	EXPECT_EQ(kit::Names(dir.Path("elsewhere")), std::set<std::string>());
+}
+
+TEST_F(MappingPath, IsNoFileOfAnotherUserAndNoLink)
+{
+	fs::create_directory(folder);
+	kit::WriteFile(dir.Path("file"), "");
+	fs::create_symlink(dir.Path("file"), mapping);
+	EXPECT_EQ(Mapping(false), -1);
+	EXPECT_EQ(VUNKCErrGet(), 0xC000);
+	fs::remove(mapping);
+	kit::WriteFile(mapping, "");
+	if (chown(mapping.c_str(), 1000, 1000) != 0)
+		GTEST_SKIP() << "only root can give files away";
+	for (const bool create : {false, true}) {
+		VUNKCErrSetEx(0, "", 0);
+		EXPECT_EQ(Mapping(create), -1);
+		EXPECT_EQ(VUNKCErrGet(), 0xC000);
+	}
+	EXPECT_EQ(journal.Lines(), Lines{});
+}
+
+TEST_F(ProgressPath, IsThereForAllWhoMakeItsFolderAtTheSameMoment)
+{
+	for (int round = 0; round < 100; ++round) {
+		fs::remove_all("/run/zevotuned");
+		std::vector<std::thread> callers;
+		for (int i = 0; i < 3; ++i)
+			callers.emplace_back([] {
+				VolumePath found;
+				EXPECT_EQ(BtrfsMetadataCacheProgressPathGet("some-uuid", found.data(), true), 1);
+			});
+		for (std::thread &caller : callers)
+			caller.join();
+	}
 }
 
 TEST_F(ProgressPath, IsNeverThatOfAnEmptyUuid)

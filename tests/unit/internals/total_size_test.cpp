@@ -50,17 +50,17 @@ protected:
 	kit::Journal journal;
 };
 
-TEST_F(TotalSizeTest, MoreSpacesThanAddressesFailWithoutALine)
+TEST_F(TotalSizeTest, MoreSpacesThanThereCanBeFailWithoutALine)
 {
 	btrfs.spaces = {{4, 1, 0}};
-	// More than there are bytes; as many as make the size of the request a small number again.
-	for (const uint64_t spaces : {UINT64_MAX, UINT64_MAX / 24, UINT64_MAX / 24 + 1}) {
+	// More than there are bytes; as many as make the size of the request a small number again; more than there can be.
+	for (const uint64_t spaces : {UINT64_MAX, UINT64_MAX / 24, UINT64_MAX / 24 + 1, uint64_t{4097}}) {
 		VUNKCErrSetEx(0, "", 0);
 		Announce(spaces);
 		ExpectFailure({});
 		EXPECT_EQ(VUNKCErrGet(), VUNKC_ERR_NO_MEMORY);
 	}
-	EXPECT_EQ(btrfs.requests.size(), 3u); // none with slots
+	EXPECT_EQ(btrfs.requests.size(), 4u); // none with slots
 }
 
 TEST_F(TotalSizeTest, SizesThatNoNumberHoldsFail)

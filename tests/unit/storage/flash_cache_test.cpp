@@ -62,7 +62,7 @@ std::string CanPin(const std::string &volPath)
 	const int result = ZEVOFlashCachePinIsVolumeSupport(volPath.c_str());
 	if (VUNKCErrGet() == kOldCode)
 		return std::to_string(result);
-	EXPECT_EQ(result, 0);
+	EXPECT_EQ(result, -1);
 	return FailedAt();
 }
 
@@ -359,7 +359,7 @@ TEST_F(DeclaredCaches, CannotBeFoundOutWhenSpacesCannotBeListed)
 {
 	const kit::Fault fault("ZEVOSpaceInfoEnum");
 	SetOldCode();
-	EXPECT_EQ(ZEVOFlashCachePinIsVolumeSupport("/volume1"), 0);
+	EXPECT_EQ(ZEVOFlashCachePinIsVolumeSupport("/volume1"), -1);
 	EXPECT_EQ(VUNKCErrGet(), kit::kFaultCode);
 }
 
@@ -380,7 +380,7 @@ TEST_F(DeclaredCaches, RefuseArgumentsThatAreNullOrOutOfRange)
 		{-1, [&] { return ZEVOFlashCacheConfigTmpGet(list.First(), 2, nullptr); }},
 		{-1, [&] { return ZEVOFlashCacheSupportFlagsGet(nullptr, &flags); }},
 		{-1, [&] { return ZEVOFlashCacheSupportFlagsGet(cache, nullptr); }},
-		{0, [&] { return ZEVOFlashCachePinIsVolumeSupport(nullptr); }},
+		{-1, [&] { return ZEVOFlashCachePinIsVolumeSupport(nullptr); }},
 		{-1, [&] { return ZEVOVSpaceLayerPathGet(0, "/volume2", out, sizeof(out)); }},
 		{-1, [&] { return ZEVOVSpaceLayerPathGet(2, "/volume2", out, sizeof(out)); }},
 		{-1, [&] { return ZEVOVSpaceLayerPathGet(1, nullptr, out, sizeof(out)); }},

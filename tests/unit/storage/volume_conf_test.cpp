@@ -162,15 +162,15 @@ TEST_F(VolumeConf, IsAFailureWhenTheFolderCannotBeMade)
 	EXPECT_EQ(Set("/volume1", 1), "failed 0x0B00 " + kDir);
 	fs::create_directories("/usr/zevo/etc");
 	kit::WriteFile(kDir, "");
-	EXPECT_EQ(Set("/volume1", 1), "failed 0x0900 " + kDir + "/.lock");
+	EXPECT_EQ(Set("/volume1", 1), "failed 0x0B00 " + kDir + "/.lock");
 	EXPECT_EQ(Get("/volume1"), "failed 0xC200 " + kFile);
 }
 
 TEST_F(VolumeConf, WaitsForOtherWriters)
 {
-	fs::create_directories(kDir);
+	fs::create_directories(kDir + "/.lock");
 	int fd = -1;
-	ASSERT_EQ(VUNKCFileLockTimeByFile((kDir + "/.lock").c_str(), 1, 0, &fd), 1);
+	ASSERT_EQ(VUNKCFileLockTimeByFile((kDir + "/.lock/write").c_str(), 1, 0, &fd), 1);
 	std::string result;
 	std::thread writer([&] { result = Set("/volume1", 1); });
 	// Has read nothing yet, so what is written now stays.
@@ -179,6 +179,14 @@ TEST_F(VolumeConf, WaitsForOtherWriters)
 	writer.join();
 	EXPECT_EQ(result, "set");
 	EXPECT_EQ(kit::ReadFile(kFile), "other=\"1\"\nmetadata_cache=\"1\"\n");
+}
+
+// Whoever could read its lock file could keep root from writing.
+TEST_F(VolumeConf, HasALockThatNobodyElseReaches)
+{
+	EXPECT_EQ(Set("/volume1", 1), "set");
+	EXPECT_EQ(fs::status(kDir + "/.lock").permissions(), fs::perms::owner_all);
+	EXPECT_EQ(kit::Names(kDir + "/.lock"), std::set<std::string>{"write"});
 }
 
 TEST_F(VolumeConf, IsAFailureWhenTheLockIsNotToBeHad)
