@@ -213,7 +213,7 @@ int CreateTemp(const Target &target, const OldFile &old)
 	return Retried([&] { return openat(target.FolderDescriptor(), target.TempName(), flags, mode); });
 }
 
-bool Replace(const Target &target, std::string_view text)
+bool Replace(const Target &target, std::string_view text, vunkc::Durable durable)
 {
 	for (;;) {
 		OldFile old;
@@ -235,21 +235,22 @@ bool Replace(const Target &target, std::string_view text)
 			return false;
 		// The file is the new one by now, and either the old or the new one after a power cut, whether or not
 		// this succeeds: to report a failure would say that nothing has changed.
-		fsync(target.FolderDescriptor());
+		if (durable == vunkc::Durable::kOnReturn)
+			fsync(target.FolderDescriptor());
 		return true;
 	}
 }
 
 } // namespace
 
-int ReplaceFile(const char *path, std::string_view text)
+int ReplaceFile(const char *path, std::string_view text, Durable durable)
 {
 	if (text.size() > kMaxFileSize) {
 		errno = EFBIG;
 		return FailAt(-1, VUNKC_ERR_FILE_WRITE, path, 0);
 	}
 	const Target target(path);
-	if (!target.IsReachable() || !Replace(target, text))
+	if (!target.IsReachable() || !Replace(target, text, durable))
 		return FailAt(-1, VUNKC_ERR_FILE_WRITE, path, 0);
 	return 0;
 }

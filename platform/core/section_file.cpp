@@ -177,7 +177,9 @@ int VUNKCIFileModifySection(const char *szPath, const char *szSection, const cha
 		EndLastLine(section);
 		if (!vunkc::AppendPairs(section, *psh))
 			return VUNKC_FAIL(-1, VUNKC_ERR_NOT_STORABLE);
-		return vunkc::ReplaceFile(szPath, Spliced(text, found, section)) == 0 ? 1 : -1;
+		const int result =
+			vunkc::ReplaceFile(szPath, Spliced(text, found, section), vunkc::Durable::kWithTheNext);
+		return result == 0 ? 1 : -1;
 	});
 }
 
