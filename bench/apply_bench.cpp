@@ -68,7 +68,7 @@ void Spawn()
 }
 
 [[maybe_unused]] const bool registered = [] {
-	bench::Pair("apply 20 kernel parameters", 1.10, Apply, Spawn);
+	bench::Pair("apply 20 kernel parameters", 1.10, Apply, Spawn, bench::SetUpWithoutLocalProfiles);
 	return true;
 }();
 

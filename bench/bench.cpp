@@ -13,6 +13,11 @@ void WriteFile(const std::string &path, std::string_view text)
 	std::ofstream(path) << text;
 }
 
+void RemoveLocalProfiles()
+{
+	std::filesystem::remove_all("/usr/local/share/zevotuned/profiles");
+}
+
 void Require(bool condition, const char *what)
 {
 	if (condition)

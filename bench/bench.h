@@ -25,6 +25,13 @@ void Absolute(void (*measureAndPrint)());
 
 void WriteFile(const std::string &path, std::string_view text);
 
+/// Takes away the profiles that another measurement has added: looking for one reads them all. A set-up, too.
+void RemoveLocalProfiles();
+inline void SetUpWithoutLocalProfiles(const benchmark::State &)
+{
+	RemoveLocalProfiles();
+}
+
 /// Ends the program when a step failed: a number measured on a failure is worth nothing.
 void Require(bool condition, const char *what);
 

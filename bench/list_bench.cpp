@@ -5,8 +5,6 @@
 #include <vunkcore/list.h>
 #include <zevotuned/zevotuned.h>
 
-#include <filesystem>
-
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -27,13 +25,11 @@ std::string Text(int i)
 	       "vm.swappiness = 10\n";
 }
 
-/// As many profiles in the folder as the measurement is for. The measurements take turns, so it is checked each time.
+/// As many profiles in the folder as the measurement is for.
 template <int Count>
-void Have()
+void Have(const benchmark::State &)
 {
-	if (paths.size() == Count)
-		return;
-	std::filesystem::remove_all(kDir);
+	bench::RemoveLocalProfiles();
 	paths.clear();
 	for (int i = 0; i < Count; ++i) {
 		paths.push_back(kDir + "/" + std::to_string(i));
@@ -44,7 +40,6 @@ void Have()
 template <int Count>
 void List()
 {
-	Have<Count>();
 	VUNKSZLIST *names = VUNKCSzListAlloc(1024);
 	BENCH_REQUIRE(TuneProfileList(&names) == 0 && names->nItem >= Count);
 	VUNKCSzListFree(names);
@@ -53,7 +48,6 @@ void List()
 template <int Count>
 void Read()
 {
-	Have<Count>();
 	char buffer[4096];
 	for (const std::string &path : paths) {
 		struct stat status;
@@ -65,9 +59,9 @@ void Read()
 }
 
 [[maybe_unused]] const bool registered = [] {
-	bench::Pair("list 10 profiles", 2.0, List<10>, Read<10>);
-	bench::Pair("list 100 profiles", 2.0, List<100>, Read<100>);
-	bench::Pair("list 1000 profiles", 2.0, List<1000>, Read<1000>);
+	bench::Pair("list 10 profiles", 2.0, List<10>, Read<10>, Have<10>);
+	bench::Pair("list 100 profiles", 2.0, List<100>, Read<100>, Have<100>);
+	bench::Pair("list 1000 profiles", 2.0, List<1000>, Read<1000>, Have<1000>);
 	return true;
 }();
 

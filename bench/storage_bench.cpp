@@ -85,6 +85,7 @@ void PrintGrowth()
 
 void SetUpBays(const benchmark::State &)
 {
+	bench::RemoveLocalProfiles();
 	bench::HaveBays();
 }
 

@@ -18,6 +18,7 @@ constexpr int kRuns = 101;
 
 void MeasureTool()
 {
+	bench::RemoveLocalProfiles();
 	posix_spawn_file_actions_t actions;
 	BENCH_REQUIRE(posix_spawn_file_actions_init(&actions) == 0);
 	BENCH_REQUIRE(posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0) == 0);
