@@ -1,36 +1,22 @@
 #include "utils/apply/disk.h"
 
-#include "kit/faults.h"
-#include "kit/files.h"
-#include "kit/journal.h"
-#include "kit/lab.h"
-#include "kit/machine.h"
-#include "kit/storage.h"
-
-#include <vunkcore/error.h>
-
-#include <gtest/gtest.h>
+#include "section_test.h"
 
 #include <cerrno>
 #include <filesystem>
-#include <string>
-#include <vector>
 
 namespace {
 
 namespace fs = std::filesystem;
-using Lines = std::vector<std::string>;
-
-const std::string kFault = "[0xFA17 fault:1]";
 
 std::string SchedulerFile(const std::string &disk)
 {
 	return "/sys/block/" + disk + "/queue/scheduler";
 }
 
-class DiskTest : public kit::LabTest {
+class DiskTest : public SectionTest {
 protected:
-	DiskTest() { VUNKCErrSetEx(0, "", 0); }
+	DiskTest() : SectionTest(TuneApplyDiskSection) {}
 
 	void Add(const std::string &name, int isSSD, const std::string &schedulers)
 	{
@@ -47,12 +33,7 @@ protected:
 	}
 
 	// Applies section "disk" of this text.
-	int Apply(const std::string &section)
-	{
-		kit::WriteFile(path, "[main]\n[disk]\n" + section);
-		const Profile profile;
-		return TuneApplyDiskSection({path.c_str(), "disk", profile});
-	}
+	int Apply(const std::string &text) { return SectionTest::Apply("disk", text); }
 
 	// The lines of a disk that fails.
 	static Lines LinesOf(const std::string &disk, const std::string &first, const std::string &code)
@@ -63,13 +44,6 @@ protected:
 			lines.insert(lines.begin(), "utils.cpp " + first);
 		return lines;
 	}
-
-	kit::MountPoint sys{"sys", "/sys", "tmpfs", 0, "mode=0755"};
-	kit::TempDir dir;
-	const std::string path = dir.Path("profile");
-	kit::Journal journal;
-	kit::FakeStorage storage;
-	kit::Writes writes;
 };
 
 TEST_F(DiskTest, SelectsTheSchedulerOnEverySSD)
@@ -354,23 +328,7 @@ TEST_F(DiskTest, FailsForAKeyWithoutAValue)
 TEST_F(DiskTest, FailsWhenTheSectionCannotBeRead)
 {
 	AddThree();
-	const struct {
-		const char *function;
-		std::string line;
-	} rows[] = {
-		{"VUNKCSzHashAlloc", "utils.cpp Failed to VUNKCSzHashAlloc()." + kFault},
-		{"VUNKCSzListAlloc", "utils.cpp Failed to VUNKCSzListAlloc" + kFault},
-		{"VUNKCFileGetSection", "utils.cpp Failed to get section [disk] from path [" + path + "]. " + kFault},
-		{"VUNKCSzHashEnumKey", "utils.cpp Failed to enum hash key"},
-	};
-	for (const auto &row : rows) {
-		SCOPED_TRACE(row.function);
-		journal.Clear();
-		const kit::Fault fault(row.function);
-		EXPECT_EQ(Apply("ssd_scheduler=none\n"), -1);
-		EXPECT_EQ(journal.Lines(), Lines{row.line});
-	}
-	EXPECT_EQ(storage.calls, Lines{});
+	ExpectToFailUnread("disk", "ssd_scheduler=none\n");
 }
 
 } // namespace

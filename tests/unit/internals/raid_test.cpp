@@ -1,28 +1,14 @@
 #include "utils/apply/raid.h"
 
-#include "kit/faults.h"
-#include "kit/files.h"
-#include "kit/journal.h"
-#include "kit/lab.h"
-#include "kit/machine.h"
-#include "kit/storage.h"
-
-#include <vunkcore/error.h>
-
-#include <gtest/gtest.h>
+#include "section_test.h"
 
 #include <cerrno>
 #include <filesystem>
 #include <limits>
-#include <string>
-#include <vector>
 
 namespace {
 
 namespace fs = std::filesystem;
-using Lines = std::vector<std::string>;
-
-const std::string kFault = "[0xFA17 fault:1]";
 
 constexpr unsigned kRaid1 = 0x02;
 constexpr unsigned kRaid5 = 0x04;
@@ -32,9 +18,9 @@ std::string Tunable(const std::string &disk, const std::string &key)
 	return "/sys/block/" + disk + "/queue/iosched/" + key;
 }
 
-class RaidTest : public kit::LabTest {
+class RaidTest : public SectionTest {
 protected:
-	RaidTest() { VUNKCErrSetEx(0, "", 0); }
+	RaidTest() : SectionTest(TuneApplyRaidSection) {}
 
 	// The scheduler of each disk has this tunable.
 	static void Offer(const Lines &disks, const std::string &key)
@@ -42,21 +28,6 @@ protected:
 		for (const std::string &disk : disks)
 			kit::WriteFile(Tunable(disk, key), "");
 	}
-
-	// Applies a section of this name and text.
-	int Apply(const std::string &section, const std::string &text)
-	{
-		kit::WriteFile(path, "[main]\n[" + section + "]\n" + text);
-		const Profile profile;
-		return TuneApplyRaidSection({path.c_str(), section.c_str(), profile});
-	}
-
-	kit::MountPoint sys{"sys", "/sys", "tmpfs", 0, "mode=0755"};
-	kit::TempDir dir;
-	const std::string path = dir.Path("profile");
-	kit::Journal journal;
-	kit::FakeStorage storage;
-	kit::Writes writes;
 };
 
 TEST_F(RaidTest, TunesEveryMemberOfEveryArrayKeyAfterKey)
@@ -320,24 +291,7 @@ TEST_F(RaidTest, HasNothingToDoForASectionWithoutKeys)
 TEST_F(RaidTest, FailsWhenTheSectionCannotBeRead)
 {
 	storage.arrays = {{kRaid1, {"/dev/sda1"}}};
-	const struct {
-		const char *function;
-		std::string line;
-	} rows[] = {
-		{"VUNKCSzHashAlloc", "utils.cpp Failed to VUNKCSzHashAlloc()." + kFault},
-		{"VUNKCSzListAlloc", "utils.cpp Failed to VUNKCSzListAlloc" + kFault},
-		{"VUNKCFileGetSection",
-	         "utils.cpp Failed to get section [raid_cfq_6] from path [" + path + "]. " + kFault},
-		{"VUNKCSzHashEnumKey", "utils.cpp Failed to enum hash key"},
-	};
-	for (const auto &row : rows) {
-		SCOPED_TRACE(row.function);
-		journal.Clear();
-		const kit::Fault fault(row.function);
-		EXPECT_EQ(Apply("raid_cfq_6", "key=7\n"), -1);
-		EXPECT_EQ(journal.Lines(), Lines{row.line});
-	}
-	EXPECT_EQ(storage.calls, Lines{});
+	ExpectToFailUnread("raid_cfq_6", "key=7\n");
 }
 
 } // namespace

@@ -1,31 +1,17 @@
 #include "utils/apply/volume.h"
 
-#include "kit/faults.h"
-#include "kit/files.h"
-#include "kit/journal.h"
-#include "kit/lab.h"
-#include "kit/machine.h"
-#include "kit/storage.h"
-
-#include <vunkcore/error.h>
-
-#include <gtest/gtest.h>
+#include "section_test.h"
 
 #include <cerrno>
 #include <filesystem>
 #include <functional>
 #include <optional>
-#include <string>
-#include <vector>
 
 #include <fcntl.h>
 
 namespace {
 
 namespace fs = std::filesystem;
-using Lines = std::vector<std::string>;
-
-const std::string kFault = "[0xFA17 fault:1]";
 
 // Where the kernel takes a file system's number of threads.
 std::string Attribute(const std::string &uuid)
@@ -41,11 +27,10 @@ Lines After(const std::string &first, const std::string &volume, const std::stri
 	        "utils.cpp Failed to TuneApplyProfileVolumeWriteBackThread" + code};
 }
 
-class VolumeTest : public kit::LabTest {
+class VolumeTest : public SectionTest {
 protected:
-	VolumeTest()
+	VolumeTest() : SectionTest(TuneApplyVolumeSection)
 	{
-		VUNKCErrSetEx(0, "", 0);
 		storage.isSSD = {{"/dev/sda", 1}, {"/dev/sdb", 1}, {"/dev/sdc", 1}, {"/dev/hda", 0}};
 	}
 
@@ -68,19 +53,7 @@ protected:
 	static std::string Written(const std::string &name) { return kit::ReadFile(Attribute("uuid-" + name)); }
 
 	// Applies section "volume" of a file of this text.
-	int Apply(const std::string &section)
-	{
-		kit::WriteFile(path, "[main]\n[volume]\n" + section);
-		const Profile profile;
-		return TuneApplyVolumeSection({path.c_str(), "volume", profile});
-	}
-
-	kit::MountPoint sys{"sys", "/sys", "tmpfs", 0, "mode=0755"};
-	kit::TempDir dir;
-	const std::string path = dir.Path("profile");
-	kit::Journal journal;
-	kit::FakeStorage storage;
-	kit::Writes writes;
+	int Apply(const std::string &text) { return SectionTest::Apply("volume", text); }
 };
 
 TEST_F(VolumeTest, WritesTheLimitToEveryVolumeOnSSDsAlone)
@@ -420,24 +393,7 @@ TEST_F(VolumeTest, FindsItsKeyAmongOthers)
 TEST_F(VolumeTest, FailsWhenTheSectionCannotBeRead)
 {
 	AddThree();
-	const struct {
-		const char *function;
-		std::string line;
-	} rows[] = {
-		{"VUNKCSzHashAlloc", "utils.cpp Failed to VUNKCSzHashAlloc()." + kFault},
-		{"VUNKCSzListAlloc", "utils.cpp Failed to VUNKCSzListAlloc" + kFault},
-		{"VUNKCFileGetSection", "utils.cpp Failed to get section [volume] from path [" + path + "]. " + kFault},
-		{"VUNKCSzHashEnumKey", "utils.cpp Failed to enum hash key"},
-	};
-	for (const auto &row : rows) {
-		SCOPED_TRACE(row.function);
-		journal.Clear();
-		const kit::Fault fault(row.function);
-		EXPECT_EQ(Apply("zevo_writeback_thread_max=3\n"), -1);
-		EXPECT_EQ(journal.Lines(), Lines{row.line});
-		EXPECT_EQ(VUNKCErrGet(), kit::kFaultCode);
-	}
-	EXPECT_EQ(storage.calls, Lines{});
+	ExpectToFailUnread("volume", "zevo_writeback_thread_max=3\n");
 }
 
 TEST_F(VolumeTest, FailsForAKeyWithoutAValue)
