@@ -1,6 +1,7 @@
 #include "common/text_lines.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace vunkc {
 namespace {
@@ -51,6 +52,12 @@ void ParsePair(std::string_view content, Line &line)
 	line.kind = Line::Kind::kPair;
 }
 
+// What the keys of nearly all pairs begin with. Of a line that begins so, the first '=' makes a pair.
+constexpr bool IsLetter(char c)
+{
+	return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+
 } // namespace
 
 LineReader::LineReader(std::string_view wholeText) : text(wholeText), nul(wholeText.find('\0'))
@@ -83,6 +90,32 @@ Line LineReader::Next()
 		return line;
 	}
 	return {};
+}
+
+Line LineReader::NextHeader()
+{
+	for (;;) {
+		PassOverPairs();
+		const Line line = Next();
+		if (line.kind != Line::Kind::kPair)
+			return line;
+	}
+}
+
+// Stops at the first line that has to be looked at more closely. Sections are found in a file of thousands by passing over
+// the others, so that a pair must cost hardly more than finding the end of its line.
+void LineReader::PassOverPairs()
+{
+	const char *const end = text.data() + std::min(nul, text.size());
+	for (const char *line = text.data() + next; line < end && IsLetter(*line);) {
+		const void *const newline = memchr(line, '\n', static_cast<size_t>(end - line));
+		if (newline == nullptr ||
+		    memchr(line, '=', static_cast<size_t>(static_cast<const char *>(newline) - line)) == nullptr)
+			return;
+		line = static_cast<const char *>(newline) + 1;
+		next = static_cast<size_t>(line - text.data());
+		++number;
+	}
 }
 
 } // namespace vunkc

@@ -213,7 +213,7 @@ int CreateTemp(const Target &target, const OldFile &old)
 	return Retried([&] { return openat(target.FolderDescriptor(), target.TempName(), flags, mode); });
 }
 
-bool Replace(const Target &target, std::string_view text, vunkc::Durable durable)
+bool Replace(const Target &target, std::string_view text)
 {
 	for (;;) {
 		OldFile old;
@@ -235,22 +235,21 @@ bool Replace(const Target &target, std::string_view text, vunkc::Durable durable
 			return false;
 		// The file is the new one by now, and either the old or the new one after a power cut, whether or not
 		// this succeeds: to report a failure would say that nothing has changed.
-		if (durable == vunkc::Durable::kOnReturn)
-			fsync(target.FolderDescriptor());
+		fsync(target.FolderDescriptor());
 		return true;
 	}
 }
 
 } // namespace
 
-int ReplaceFile(const char *path, std::string_view text, Durable durable)
+int ReplaceFile(const char *path, std::string_view text)
 {
 	if (text.size() > kMaxFileSize) {
 		errno = EFBIG;
 		return FailAt(-1, VUNKC_ERR_FILE_WRITE, path, 0);
 	}
 	const Target target(path);
-	if (!target.IsReachable() || !Replace(target, text, durable))
+	if (!target.IsReachable() || !Replace(target, text))
 		return FailAt(-1, VUNKC_ERR_FILE_WRITE, path, 0);
 	return 0;
 }

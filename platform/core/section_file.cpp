@@ -3,9 +3,12 @@
 #include "file_replace.h"
 #include "hash.h"
 #include "common/internal.h"
+#include "kept_sections.h"
 #include "list.h"
+#include "section_text.h"
 #include "text_file.h"
 
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -13,14 +16,8 @@
 
 namespace {
 
-using vunkc::Line;
-
-/// A header and all that stands between it and the next one.
-struct Occurrence {
-	size_t begin;
-	size_t body; // behind the header's line
-	size_t end;
-};
+using vunkc::KeptSections;
+using vunkc::Occurrence;
 
 bool Read(const char *path, std::string &text)
 {
@@ -34,33 +31,35 @@ bool ReadIfThere(const char *path, std::string &text)
 	return error == VUNKC_ERR_NONE || error == VUNKC_ERR_FILE_MISSING || vunkc::FailAt(false, error, path, 0);
 }
 
-/// Calls `visit` with every header and every pair of a text, up to the first line that makes it unreadable.
 template <class Visit>
-bool ForEachLine(const char *path, std::string_view text, Visit &&visit)
+bool ForEachHeader(const char *path, std::string_view text, Visit &&visit)
 {
-	vunkc::LineReader reader(text);
-	bool inSection = false;
-	for (Line line = reader.Next(); line.kind != Line::Kind::kEnd; line = reader.Next()) {
-		inSection = inSection || line.kind == Line::Kind::kHeader;
-		if (line.kind == Line::Kind::kBad || !inSection)
-			return vunkc::FailAt(false, VUNKC_ERR_SYNTAX, path, line.number);
-		visit(line);
-	}
-	return true;
+	const int badLine = vunkc::ForEachHeader(text, visit);
+	return badLine == 0 || vunkc::FailAt(false, VUNKC_ERR_SYNTAX, path, badLine);
 }
 
 bool FindOccurrences(const char *path, std::string_view text, std::string_view section, std::vector<Occurrence> &found)
 {
-	bool inside = false;
-	return ForEachLine(path, text, [&](const Line &line) {
-		if (line.kind != Line::Kind::kHeader)
-			return;
-		if (inside)
-			found.back().end = line.begin;
-		inside = line.name == section;
-		if (inside)
-			found.push_back({line.begin, line.end, text.size()});
+	return ForEachHeader(path, text, [&](std::string_view name, const Occurrence &occurrence) {
+		if (name == section)
+			found.push_back(occurrence);
 	});
+}
+
+/// Returns the number of pairs.
+int SetPairsOf(std::string_view text, const std::vector<Occurrence> &occurrences, VUNKSZHASH &pairs)
+{
+	int count = 0;
+	for (const Occurrence &occurrence : occurrences) {
+		// With the header, as a byte order mark behind it is not one that a text begins with.
+		vunkc::LineReader reader(text.substr(occurrence.begin, occurrence.end - occurrence.begin));
+		reader.Next();
+		for (vunkc::Line line = reader.Next(); line.kind == vunkc::Line::Kind::kPair; line = reader.Next()) {
+			pairs.Set(line.name, line.value);
+			++count;
+		}
+	}
+	return count;
 }
 
 /// The text with `replacement` in place of the first occurrence and nothing in place of the others.
@@ -91,28 +90,29 @@ int VUNKCFileGetSection(const char *szPath, const char *szSection, VUNKSZHASH **
 	if (szPath == nullptr || szSection == nullptr || ppsh == nullptr || *ppsh == nullptr)
 		return VUNKC_FAIL(-1, VUNKC_ERR_BAD_ARGUMENT);
 	return VUNKC_GUARD(-1, [&] {
+		std::unique_ptr<KeptSections> kept = KeptSections::Take(szPath);
+		const bool isCurrent = kept && kept->IsCurrent();
 		std::string text;
-		if (!Read(szPath, text))
-			return -1;
-
-		const std::string_view section = szSection;
-		VUNKSZHASH pairs = vunkc::CopyOf(**ppsh);
-		bool found = false;
-		bool inside = false;
-		int count = 0;
-		const bool readable = ForEachLine(szPath, text, [&](const Line &line) {
-			if (line.kind == Line::Kind::kHeader) {
-				inside = line.name == section;
-				found = found || inside;
-			} else if (inside) {
-				pairs.Set(line.name, line.value);
-				++count;
-			}
-		});
-		if (!readable)
-			return -1;
-		if (!found)
+		std::vector<Occurrence> found;
+		if (isCurrent) {
+			found = kept->Find(szSection);
+		} else {
+			if (kept)
+				kept->BeforeReading();
+			if (!Read(szPath, text) || !FindOccurrences(szPath, text, szSection, found))
+				return -1;
+		}
+		if (found.empty())
 			return vunkc::FailAt(-1, VUNKC_ERR_SECTION_MISSING, szPath, 0);
+
+		const std::string_view source = isCurrent ? kept->Text() : text;
+		VUNKSZHASH pairs = vunkc::CopyOf(**ppsh);
+		const int count = SetPairsOf(source, found, pairs);
+		if (const bool isLast = found.back().end == source.size(); isLast)
+			kept.reset();
+		else if (!isCurrent)
+			kept = KeptSections::AfterReading(std::move(kept), szPath, std::move(text));
+		KeptSections::PutBack(std::move(kept));
 		std::swap(**ppsh, pairs);
 		return count;
 	});
@@ -125,11 +125,9 @@ int VUNKCFileEnumSection(const char *szPath, VUNKSZLIST **ppslSections)
 	return VUNKC_GUARD(-1, [&] {
 		std::string text;
 		std::vector<std::string> names;
-		const auto keepName = [&](const Line &line) {
-			if (line.kind == Line::Kind::kHeader)
-				names.emplace_back(line.name);
-		};
-		if (!Read(szPath, text) || !ForEachLine(szPath, text, keepName))
+		const auto keepName = [&](std::string_view name, const Occurrence &) { names.emplace_back(name); };
+		KeptSections::Drop();
+		if (!Read(szPath, text) || !ForEachHeader(szPath, text, keepName))
 			return -1;
 		const int count = static_cast<int>(names.size());
 		vunkc::Append(**ppslSections, std::move(names));
@@ -144,6 +142,7 @@ int VUNKCFileAddSection(const char *szPath, const char *szSection, const VUNKSZH
 	return VUNKC_GUARD(-1, [&] {
 		std::string text;
 		std::vector<Occurrence> found;
+		KeptSections::Drop();
 		if (!ReadIfThere(szPath, text) || !FindOccurrences(szPath, text, szSection, found))
 			return -1;
 		if (!found.empty())
@@ -168,6 +167,7 @@ int VUNKCIFileModifySection(const char *szPath, const char *szSection, const cha
 	return VUNKC_GUARD(-1, [&] {
 		std::string text;
 		std::vector<Occurrence> found;
+		KeptSections::Drop();
 		if (!Read(szPath, text) || !FindOccurrences(szPath, text, szSection, found))
 			return -1;
 		if (found.empty())
@@ -177,9 +177,7 @@ int VUNKCIFileModifySection(const char *szPath, const char *szSection, const cha
 		EndLastLine(section);
 		if (!vunkc::AppendPairs(section, *psh))
 			return VUNKC_FAIL(-1, VUNKC_ERR_NOT_STORABLE);
-		const int result =
-			vunkc::ReplaceFile(szPath, Spliced(text, found, section), vunkc::Durable::kWithTheNext);
-		return result == 0 ? 1 : -1;
+		return vunkc::ReplaceFile(szPath, Spliced(text, found, section)) == 0 ? 1 : -1;
 	});
 }
 
@@ -190,6 +188,7 @@ int VUNKCFileRemoveSection(const char *szPath, const char *szSection)
 	return VUNKC_GUARD(-1, [&] {
 		std::string text;
 		std::vector<Occurrence> found;
+		KeptSections::Drop();
 		if (!Read(szPath, text) || !FindOccurrences(szPath, text, szSection, found))
 			return -1;
 		if (found.empty())

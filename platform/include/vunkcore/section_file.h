@@ -15,8 +15,7 @@
  * VUNKC_ERR_FILE_OPEN, VUNKC_ERR_FILE_READ or VUNKC_ERR_SYNTAX when the file cannot be read, and with
  * VUNKC_ERR_NOT_STORABLE or VUNKC_ERR_FILE_WRITE when it cannot be written; it is then as it was.
  *
- * A section that is added or removed is on disk, or gone from it, when the call returns. What is modified is there with the
- * next of these at the latest; until then a power cut may bring the old pairs back, never a part of the new ones.
+ * What is added or modified is on disk when the call returns, and what is removed is gone from it.
  */
 
 #include <vunkcore/hash.h>

@@ -8,7 +8,8 @@
  * Rules that hold for the whole library unless a function says otherwise:
  *
  *  1. Every function may be called from any thread. Objects (hashes, lists) belong to whoever allocated them and must
- *     not be used by two threads at once. Nothing is kept between calls but the calling thread's error stack.
+ *     not be used by two threads at once. Nothing is kept between calls but the calling thread's error stack, and the
+ *     text of a large file while its sections are read one after another, which shows in nothing but time.
  *  2. A call that fails leaves a non-zero code on the error stack (error.h) and its outputs as they were. A call that
  *     succeeds leaves the error stack as it was: only the result tells success from failure, never an old code.
  *  3. A null pointer where one is not allowed is a failure with VUNKC_ERR_BAD_ARGUMENT, never a crash.

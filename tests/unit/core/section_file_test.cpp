@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <random>
 #include <set>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -253,6 +254,8 @@ TEST_F(SectionFile, AnyOtherLineMakesTheWholeFileUnreadable)
 	ExpectSyntaxError("[a]\r\n\r\nword\r\n", 3);
 	ExpectSyntaxError("[a]\nx=1\n#\0\n"sv, 3);
 	ExpectSyntaxError("[a\0]\n"sv, 1);
+	ExpectSyntaxError("[a]\n[b]\nx=1\nx=\0\n[c]\n"sv, 4);
+	ExpectSyntaxError("[a]\n[b]\nx=1\nword", 4);
 	ExpectSyntaxError("[a]\n\xEF\xBB\xBF[b]\n", 2);
 }
 
@@ -510,6 +513,99 @@ TEST_F(SectionFile, AnyRowOfChangesTouchesNothingElse)
 			ASSERT_EQ(Sections(), wanted);
 		}
 	}
+}
+
+/// What a text says by the syntax's own words, as plainly as can be: the sections in order, with their pairs; or the bad line.
+struct Reading {
+	std::vector<std::pair<std::string, Pairs>> sections;
+	int badLine = 0;
+};
+
+Reading ReadPlainly(std::string text)
+{
+	const auto trimmed = [](const std::string &line) {
+		const size_t begin = line.find_first_not_of(" \t\v\f\r");
+		return begin == std::string::npos ? ""
+		                                  : line.substr(begin, line.find_last_not_of(" \t\v\f\r") - begin + 1);
+	};
+	Reading reading;
+	if (text.starts_with("\xEF\xBB\xBF"))
+		text.erase(0, 3);
+	std::istringstream lines(text);
+	int number = 0;
+	for (std::string line; std::getline(lines, line);) {
+		++number;
+		const std::string content = trimmed(line);
+		const size_t sign = content.find('=');
+		const bool isBad = line.find('\0') != std::string::npos;
+		if (!isBad && (content.empty() || content[0] == '#' || content[0] == ';'))
+			continue;
+		if (!isBad && content[0] == '[' && content.back() == ']' && content.size() > 2 &&
+		    !trimmed(content.substr(1, content.size() - 2)).empty()) {
+			reading.sections.emplace_back(trimmed(content.substr(1, content.size() - 2)), Pairs());
+		} else if (!isBad && content[0] != '[' && sign != 0 && sign != std::string::npos &&
+		           !reading.sections.empty()) {
+			std::string value = trimmed(content.substr(sign + 1));
+			if (value.size() >= 2 && value.front() == '"' && value.back() == '"')
+				value = value.substr(1, value.size() - 2);
+			reading.sections.back().second.emplace_back(trimmed(content.substr(0, sign)), value);
+		} else {
+			reading.badLine = number;
+			break;
+		}
+	}
+	return reading;
+}
+
+TEST_F(SectionFile, AnyTextIsReadAsTheSyntaxSays)
+{
+	std::mt19937 random(4712);
+	const Strings good{"[a]\n", "[b]\r\n",          " [ a ] \n", "k=1\n",  "key = \"v\"\n", "K9=a=b\n",
+	                   "\n",    "# x=1\n",          ";[a]\n",    "z=\"\n", "_=\"\"\n",      "\tq\v=\f3\n",
+	                   "=a]\n", "\xEF\xBB\xBFk=1\n"};
+	const Strings bad{"[",  "]",  "[]\n", "[ ]\n", "word\n", "k", "=", "\"", std::string(1, '\0'), "\xEF\xBB\xBF",
+	                  "\r", "[a]"};
+	int readable = 0;
+	for (int round = 0; round < 2000; ++round) {
+		std::string text = random() % 4 == 0 ? "" : "[a]\n";
+		for (size_t part = random() % 10; part > 0; --part)
+			text += random() % 25 == 0 ? bad[random() % bad.size()]
+			                           : good[random() % (good.size() - (random() % 8 ? 2 : 0))];
+		SCOPED_TRACE(testing::PrintToString(text));
+		const Reading wanted = ReadPlainly(text);
+		Write(text);
+		List list;
+		Hash hash;
+		if (wanted.badLine != 0) {
+			ASSERT_EQ(VUNKCFileEnumSection(path.c_str(), list.Address()), -1);
+			ExpectError(VUNKC_ERR_SYNTAX, path, wanted.badLine);
+			ASSERT_EQ(Get("a", hash), -1);
+			ExpectError(VUNKC_ERR_SYNTAX, path, wanted.badLine);
+			ASSERT_EQ(Remove("a"), -1);
+			ExpectError(VUNKC_ERR_SYNTAX, path, wanted.badLine);
+			ASSERT_FALSE(HasFailure());
+			continue;
+		}
+		++readable;
+		Strings names;
+		for (const auto &[name, pairs] : wanted.sections)
+			names.push_back(name);
+		ASSERT_EQ(Sections(), names);
+		for (const std::string &name : names) {
+			Hash ofSection;
+			Hash expected;
+			int count = 0;
+			for (const auto &[sectionName, pairs] : wanted.sections)
+				for (const auto &[key, value] : sectionName == name ? pairs : Pairs()) {
+					VUNKCSzHashSetValue(expected.Address(), key.c_str(), value.c_str());
+					++count;
+				}
+			ASSERT_EQ(Get(name, ofSection), count);
+			ASSERT_EQ(ofSection.InOrder(), expected.InOrder());
+		}
+	}
+	EXPECT_GT(readable, 500);
+	EXPECT_LT(readable, 1750);
 }
 
 TEST_F(SectionFile, SuccessLeavesTheErrorStackAsItWas)
