@@ -21,7 +21,6 @@ static_assert(BTRFS_IOC_FS_INFO == 0x8400941F && BTRFS_IOC_DEV_INFO == 0xD000941
 
 namespace {
 
-constexpr uint64_t kMetadataTypes = BTRFS_BLOCK_GROUP_SYSTEM | BTRFS_BLOCK_GROUP_METADATA;
 constexpr int kSuperblockCopies = 3;
 constexpr uint64_t kSuperblockSize = 4096;
 

@@ -11,8 +11,8 @@ using GetNextMapping = int (*)(const char *szVolPath, const char *szDevPath, chu
 // The copies of the superblock that the device is large enough for.
 int BtrfsMetadataCacheSuperblockNext(const char *szVolPath, const char *szDevPath, chunk_info *pChunk, int flags);
 
-// The metadata and system chunks. Only of a volume on the one device szDevPath. The answer of an appliance's kernel is passed
-// on as it is: who walks ends when the offset does not rise.
+// The metadata and system chunks. Only of a volume on the one device szDevPath. The answer of an appliance's kernel is
+// passed on as it is: who walks ends when the offset does not rise.
 int BtrfsMetadataCacheChunkNext(const char *szVolPath, const char *szDevPath, chunk_info *pChunk, int flags);
 
 #endif

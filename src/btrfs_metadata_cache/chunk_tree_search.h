@@ -3,6 +3,11 @@
 
 #include "btrfs_metadata_cache/chunk_tree.h"
 
+#include <linux/btrfs_tree.h>
+
+// What counts as metadata.
+inline constexpr uint64_t kMetadataTypes = BTRFS_BLOCK_GROUP_SYSTEM | BTRFS_BLOCK_GROUP_METADATA;
+
 // Finds the first chunk of one of some types at or after an address, in the chunk tree of the file system that the
 // descriptor lies on. 0; 1 when there is none; -1 with errno, which is EUCLEAN for an answer that cannot be.
 //

@@ -1,9 +1,13 @@
 #ifndef BTRFS_METADATA_CACHE_CONTEXT_H
 #define BTRFS_METADATA_CACHE_CONTEXT_H
 
+#include "btrfs_metadata_cache/pinned_ranges.h"
+
 #include <cstdint>
 
 #include <time.h>
+
+enum class VolumeSwitch : uint8_t { NotLookedAt, Off, On };
 
 // What one pass over one volume works with. A pass starts with all of it zero; the checks (policy.h), the mapping file
 // (mapping.h) and the engine fill it.
@@ -25,10 +29,12 @@ struct MetadataCacheContext {
 	char szUuid[40];                 // of the volume
 	timespec tsLastProgressWrite;    // CLOCK_MONOTONIC
 	char szLockPath[4096];
-	char szVolPath[4096]; // as the storage library has it
-	char szDevPath[4096]; // the block device that carries the volume
-	char szCacheRef[257]; // the SSD cache's name
-	char szSsdId[32];     // the number in the SSD cache's id, in decimal
+	char szVolPath[4096];    // as the storage library has it
+	char szDevPath[4096];    // the block device that carries the volume
+	char szCacheRef[257];    // the SSD cache's name
+	char szSsdId[32];        // the number in the SSD cache's id, in decimal
+	VolumeSwitch lastSwitch; // the volume's own, when this pass last looked at it
+	PinnedRanges pinned;     // what totalMetadataCacheSize is the size of
 };
 
 #endif

@@ -1,56 +1,22 @@
 #include "btrfs_metadata_cache/mapping.h"
 
+#include "btrfs_metadata_cache/hash_key.h"
+#include "btrfs_metadata_cache/mapping_section.h"
 #include "support/check.h"
-#include "support/handles.h"
 #include "support/text_buffer.h"
 
-#include <vunkcore/section_file.h>
-
 #include <cstdlib>
+
+#include <unistd.h>
 
 namespace {
 
 constexpr char kConfigSection[] = "config";
 
-// A section of the mapping file, read and written as a whole; reading and writing leave their
-// lines when they fail. The syntax of the file is
-// the core library's, and so is that readers find the old file or the new one, which is on disk when Write returns.
-class Section {
-public:
-	Section(const char *its, const char *section) : path(its), name(section) {}
-
-	bool Read()
-	{
-		if (!pairs) {
-			LOG_ERROR("Failed to VUNKCSzHashAlloc().");
-			return false;
-		}
-		if (VUNKCFileGetSection(path, name, pairs.out()) < 0) {
-			LOG_ERROR("Failed to get section [%s] in [%s]", name, path);
-			return false;
-		}
-		return true;
-	}
-
-	const char *Get(const char *szKey) const { return pairs.Get(szKey); }
-	bool Set(const char *szKey, const char *szValue)
-	{
-		return VUNKCSzHashSetValue(pairs.out(), szKey, szValue) == 0;
-	}
-
-	bool Write() const
-	{
-		if (VUNKCIFileModifySection(path, name, nullptr, pairs.get(), 1, 0) == 1)
-			return true;
-		LOG_ERROR("Failed to set section [%s] in [%s]", name, path);
-		return false;
-	}
-
-private:
-	const char *const path;
-	const char *const name;
-	Hash pairs;
-};
+bool IsInUse(const char *szStatus)
+{
+	return szStatus != nullptr && strtol(szStatus, nullptr, 10) != kMappingDisabled;
+}
 
 } // namespace
 
@@ -58,14 +24,8 @@ int BtrfsMetadataCacheSetValueByKey(const char *szConfigPath, const char *szKey,
 {
 	CHECK_ARGUMENT(NULL != szValue);
 
-	Section config(szConfigPath, kConfigSection);
-	if (!config.Read())
-		return -1;
-	if (!config.Set(szKey, szValue)) {
-		LOG_ERROR("Failed to set hash key [%s] value [%s]", szKey, szValue);
-		return -1;
-	}
-	return config.Write() ? 0 : -1;
+	MappingSection config(szConfigPath, kConfigSection);
+	return config.Read() && SetHashKey(config.Pairs(), szKey, szValue) && config.Write() ? 0 : -1;
 }
 
 int BtrfsMetadataCacheSetStatus(const char *szConfigPath, int iStatus)
@@ -73,9 +33,31 @@ int BtrfsMetadataCacheSetStatus(const char *szConfigPath, int iStatus)
 	return BtrfsMetadataCacheSetValueByKey(szConfigPath, "status", TextBuffer<16>("%d", iStatus).c_str());
 }
 
+int BtrfsMetadataCacheHasConfig(const char *szConfigPath)
+{
+	MappingSection config(szConfigPath, kConfigSection);
+	if (!config.Read(MappingSection::Need::MayBeMissing))
+		return -1;
+	return config.IsMissing() ? 0 : 1;
+}
+
+int BtrfsMetadataCacheConfigInit(const char *szConfigPath)
+{
+	MappingSection config(szConfigPath, kConfigSection);
+	if (!config.Read(MappingSection::Need::MayBeMissing))
+		return -1;
+	if (IsInUse(config.Get("status")))
+		return 0;
+	const TextBuffer<16> building("%d", kMappingBuilding);
+	return SetHashKey(config.Pairs(), "status", building.c_str()) &&
+	                       SetHashKey(config.Pairs(), "max_used_size", "0") && config.Write()
+	               ? 0
+	               : -1;
+}
+
 int BtrfsMetadataCacheConfigGet(MetadataCacheContext &ctx, const char *szConfigPath)
 {
-	Section config(szConfigPath, kConfigSection);
+	MappingSection config(szConfigPath, kConfigSection);
 	if (!config.Read())
 		return -1;
 	const char *const status = config.Get("status");
@@ -88,17 +70,4 @@ int BtrfsMetadataCacheConfigGet(MetadataCacheContext &ctx, const char *szConfigP
 	ctx.status = static_cast<int32_t>(strtol(status, nullptr, 10));
 	ctx.pid = getpid();
 	return 0;
-}
-
-int PinBtrfsMetadataSectionUpdateChunkDone(const char *szConfigPath, const chunk_info *pChunk)
-{
-	const TextBuffer<32> name("%llu", pChunk->offset);
-	Section section(szConfigPath, name.c_str());
-	if (!section.Read())
-		return -1;
-	if (!section.Set("status", "1")) {
-		LOG_ERROR("Failed to set hash key %s value %s", "status", "1");
-		return -1;
-	}
-	return section.Write() ? 0 : -1;
 }

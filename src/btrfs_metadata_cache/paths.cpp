@@ -7,6 +7,7 @@
 #include <zevostorage/error.h>
 #include <zevostorage/file_system.h>
 
+#include <cerrno>
 #include <cstdio>
 
 #include <fcntl.h>
@@ -19,11 +20,14 @@ constexpr char kMappingFolder[] = "@eaDir";
 constexpr char kMappingFile[] = "zevo_btrfs_metadata_mapping_config";
 constexpr char kRunFolderAbove[] = "/run/zevotuned";
 constexpr char kRunFolder[] = "/run/zevotuned/metadata_cache";
+constexpr char kLockFolderAbove[] = "/run/lock/zevotuned";
+constexpr char kLockFolder[] = "/run/lock/zevotuned/metadata_cache";
 constexpr mode_t kMode = 0644;
 
 bool CreateFile(const char *szPath)
 {
-	// As creat(), but neither through a link that leads nowhere, nor emptying a file that has come into being meanwhile.
+	// As creat(), but neither through a link that leads nowhere, nor emptying a file that has come into being
+	// meanwhile.
 	const FileDescriptor file(open(szPath, O_WRONLY | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kMode));
 	if (!file) {
 		LOG_ERROR_ONLY("Failed to create [%s]\n", szPath);
@@ -34,11 +38,14 @@ bool CreateFile(const char *szPath)
 	return true;
 }
 
-// 1: there, or made; 0: not there, or not to be made; -1: something else than a file is.
+// 1: there, or made; 0: not there, or not to be made; -1: something else than a file is, or it cannot be told.
 int FindOrCreateFile(const char *szPath, bool fCreate)
 {
+	errno = ENOENT;
 	const int present = CheckFileExist(szPath);
-	if (present < 0) {
+	// To CheckFileExist a file that cannot be looked at is none. Here that would mean that nothing is pinned.
+	const bool isUnknown = present == 0 && errno != ENOENT && errno != ENOTDIR;
+	if (present < 0 || isUnknown) {
 		SET_ERROR(kErrNotRegularFile);
 		return -1;
 	}
@@ -48,23 +55,23 @@ int FindOrCreateFile(const char *szPath, bool fCreate)
 }
 
 // A folder that two callers make at the same moment is there for both, although one of them has failed to make it.
-bool HasRunFolder()
+bool HasFolder(int (*create)(), const char *szAbove, const char *szFolder)
 {
-	const bool hasAbove = CreateRunTunedDir() == 0 || CheckOrCreateDir(kRunFolderAbove, false) == 1;
-	return hasAbove && (CheckOrCreateDir(kRunFolder, true) == 1 || CheckOrCreateDir(kRunFolder, false) == 1);
+	const bool hasAbove = create() == 0 || CheckOrCreateDir(szAbove, false) == 1;
+	return hasAbove && (CheckOrCreateDir(szFolder, true) == 1 || CheckOrCreateDir(szFolder, false) == 1);
 }
 
 // Of the files that are gone after a restart.
 int RunPathGet(const char *szUuid, const char *szSuffix, char *szPathOut, bool fCreate)
 {
-	if (!HasRunFolder())
+	if (!HasFolder(CreateRunTunedDir, kRunFolderAbove, kRunFolder))
 		return -1;
 	snprintf(szPathOut, VolumePath::capacity(), "%s/%s.%s", kRunFolder, szUuid, szSuffix);
 	return FindOrCreateFile(szPathOut, fCreate);
 }
 
-// A volume is its users' data. What one of them has put where the mapping file belongs must not lead elsewhere, nor say which
-// ranges are to be unpinned.
+// A volume is its users' data. What one of them has put where the mapping file belongs must not lead elsewhere, nor say
+// which ranges are to be unpinned.
 bool IsFolderItself(const char *szPath)
 {
 	struct stat status;
@@ -136,4 +143,12 @@ int BtrfsMetadataCachePidPathGet(const char *szVolPath, char *szPathOut, bool fC
 	if (BtrfsMetadataCacheUuidGet(szVolPath, uuid) != 0)
 		return -1;
 	return RunPathGet(uuid.c_str(), "pid", szPathOut, fCreate);
+}
+
+int BtrfsMetadataCacheLockPathGet(const char *szUuid, char *szPathOut)
+{
+	if (!HasFolder(CreateRunLockTunedDir, kLockFolderAbove, kLockFolder))
+		return -1;
+	snprintf(szPathOut, VolumePath::capacity(), "%s/%s.lock", kLockFolder, szUuid);
+	return 0;
 }

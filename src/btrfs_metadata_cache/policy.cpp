@@ -32,11 +32,6 @@ const char *ValueOr(const Hash &pairs, const char *szKey, const char *szDefault)
 	return value == nullptr ? szDefault : value;
 }
 
-const char *DeviceOf(const ZEVOSPACEINFO *pSpace)
-{
-	return *pSpace->szAltDevice != '\0' ? pSpace->szAltDevice : pSpace->szDevice;
-}
-
 const ZEVOSPACEINFO *FindSpace(const SpaceList &spaces, std::string_view path)
 {
 	const ZEVOSPACEINFO *space = spaces.get();
@@ -78,8 +73,8 @@ int ReasonOfFlags(unsigned int uFlags)
 	return (uFlags & ZEVO_FLASH_CACHE_SUPPORT_PIN_RANGE) == 0 ? kReasonCacheCannotPinRanges : 0;
 }
 
-// As scanf's "ssd_%d", which passes over blanks before the number and over all that follows it; but a number that is no int is
-// none.
+// As scanf's "ssd_%d", which passes over blanks before the number and over all that follows it; but a number that is no
+// int is none.
 bool ParseSsdId(const char *szId, int &number)
 {
 	constexpr std::string_view prefix = "ssd_";
@@ -161,6 +156,7 @@ int BtrfsMetadataCachePolicyCheck(MetadataCacheContext &ctx, const char *szVolPa
 		LOG_ERROR("Failed to BtrfsMetadataCacheVolumeConfGet with [%s].", szVolPath);
 		return -1;
 	}
+	ctx.lastSwitch = ctx.fPolicyOn != 0 ? VolumeSwitch::On : VolumeSwitch::Off;
 	return ctx.fPolicyOn;
 }
 
@@ -211,4 +207,17 @@ int BtrfsMetadataCacheCheckSSDCache(MetadataCacheContext &ctx, const char *szPat
 	if (hasCache == 0)
 		return CannotPin(ctx, piResult, kReasonNoCache);
 	return CheckCache(ctx, cache.get(), piResult);
+}
+
+int BtrfsMetadataCacheCheck(MetadataCacheContext &ctx, const char *szVolPath)
+{
+	if (BtrfsMetadataCacheCheckSSDCache(ctx, szVolPath, nullptr) < 0) {
+		LOG_ERROR("Failed to BtrfsMetadataCacheCheckSSDCache path [%s].", szVolPath);
+		return -1;
+	}
+	if (BtrfsMetadataCachePolicyCheck(ctx, szVolPath, true) < 0) {
+		LOG_ERROR("Failed to BtrfsMetadataCachePolicyCheck with [%s]", szVolPath);
+		return -1;
+	}
+	return ctx.fCachePinSupport != 0 && ctx.fPolicyOn != 0 ? 1 : 0;
 }

@@ -64,6 +64,7 @@ public:
 
 	explicit operator bool() const { return fd >= 0; }
 	int get() const { return fd; }
+	int release() { return std::exchange(fd, -1); }
 
 private:
 	int fd;

@@ -5,6 +5,8 @@
 
 #include <vunkcore/error.h>
 
+#include <cerrno>
+
 #include <syslog.h>
 
 // The name that a folder's log lines carry; its CMakeLists.txt sets it.
@@ -16,17 +18,24 @@
 #define ERROR_STACK_FORMAT "[0x%04X %s:%d]"
 #define ERROR_STACK_VALUES static_cast<unsigned>(VUNKCErrGet()), VUNKCErrorGetFile(), VUNKCErrorGetLine()
 
+// One line. Lines further up in the same chain may want to tell errno of the failure, which a log that cannot be reached changes.
+#define LOG_LINE(...)                             \
+	do {                                      \
+		const int errorOfFailure = errno; \
+		syslog(LOG_ERR, __VA_ARGS__);     \
+		errno = errorOfFailure;           \
+	} while (false)
+
 // One line at priority error: "utils.cpp:120 <text>" and nothing after it.
-#define LOG_ERROR_ONLY(format, ...) \
-	syslog(LOG_ERR, "%s:%d " format, COMPONENT_FILE, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
+#define LOG_ERROR_ONLY(format, ...) LOG_LINE("%s:%d " format, COMPONENT_FILE, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
 
 // The usual line: the text and the error stack.
 #define LOG_ERROR(format, ...) LOG_ERROR_ONLY(format ERROR_STACK_FORMAT, __VA_ARGS__ __VA_OPT__(, ) ERROR_STACK_VALUES)
 
 // The line of the functions that name themselves as well: "utils.cpp:40 TuneParameterWrite:40 <text>" and the error stack.
 // The format holds both positions, as the line does.
-#define LOG_ERROR_OF_FUNCTION(format, ...)                                                                    \
-	syslog(LOG_ERR, format ERROR_STACK_FORMAT, COMPONENT_FILE, __LINE__, __func__, __LINE__, __VA_ARGS__, \
-	       ERROR_STACK_VALUES)
+#define LOG_ERROR_OF_FUNCTION(format, ...)                                                             \
+	LOG_LINE(format ERROR_STACK_FORMAT, COMPONENT_FILE, __LINE__, __func__, __LINE__, __VA_ARGS__, \
+	         ERROR_STACK_VALUES)
 
 #endif

@@ -1,7 +1,7 @@
 #ifndef SUPPORT_STORAGE_HANDLES_H
 #define SUPPORT_STORAGE_HANDLES_H
 
-// Owners of the storage library's lists.
+// Owners of the storage library's lists, and what its records mean.
 
 #include "support/handles.h"
 
@@ -14,5 +14,11 @@ using VolumeList = Handle<ZEVOMOUNTVOL, ZEVOMountVolInfoFree>;
 using SpaceList = Handle<ZEVOSPACEINFO, ZEVOSpaceInfoFree>;
 using ArrayList = Handle<RAIDLIST, RAIDListFree>;
 using DiskList = Handle<DISKINFO, DiskInfoEnumFree>;
+
+// The name by which people know the device of a space.
+inline const char *DeviceOf(const ZEVOSPACEINFO *pSpace)
+{
+	return *pSpace->szAltDevice != '\0' ? pSpace->szAltDevice : pSpace->szDevice;
+}
 
 #endif

@@ -2,6 +2,7 @@
 
 #include "kit/nth_call.h"
 #include "kit/real.h"
+#include "kit/timeline.h"
 
 #include <vunkcore/vunkcore.h>
 
@@ -13,6 +14,7 @@
 #include <string_view>
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/sysinfo.h>
 #include <unistd.h>
@@ -160,17 +162,20 @@ int VUNKCFileEnumSection(const char *szPath, VUNKSZLIST **ppsl)
 
 int VUNKCFileAddSection(const char *szPath, const char *szSection, const VUNKSZHASH *psh)
 {
+	kit::Timeline::Note(std::string("VUNKCFileAddSection ") + szSection);
 	PASS_ON(-1, VUNKCFileAddSection, szPath, szSection, psh);
 }
 
 int VUNKCIFileModifySection(const char *szPath, const char *szSection, const char *szNewName, const VUNKSZHASH *psh,
                             int fReplace, int iFlags)
 {
+	kit::Timeline::Note(std::string("VUNKCIFileModifySection ") + szSection);
 	PASS_ON(-1, VUNKCIFileModifySection, szPath, szSection, szNewName, psh, fReplace, iFlags);
 }
 
 int VUNKCFileRemoveSection(const char *szPath, const char *szSection)
 {
+	kit::Timeline::Note(std::string("VUNKCFileRemoveSection ") + szSection);
 	PASS_ON(-1, VUNKCFileRemoveSection, szPath, szSection);
 }
 
@@ -193,8 +198,12 @@ int VUNKCFileUnlockByFile(int fd)
 
 ssize_t VUNKCWrite(int fd, const void *pBuf, size_t cb)
 {
-	if (writes.has_value())
-		writes->push_back(PathOf(fd) + ": " + std::string(static_cast<const char *>(pBuf), cb));
+	if (writes.has_value() || kit::Timeline::IsWatching()) {
+		const std::string line = PathOf(fd) + ": " + std::string(static_cast<const char *>(pBuf), cb);
+		if (writes.has_value())
+			writes->push_back(line);
+		kit::Timeline::Note(line);
+	}
 	PASS_ON(static_cast<ssize_t>(-1), VUNKCWrite, fd, pBuf, cb);
 }
 
@@ -242,6 +251,23 @@ int open(const char *path, int flags, ...)
 		if (const std::optional<int> result = kit::openInMachine(path, flags))
 			return *result;
 	return real(path, flags, mode);
+}
+
+int unlink(const char *path)
+{
+	kit::Timeline::Note(std::string("unlink ") + path);
+	static const auto real = kit::Real<int(const char *)>("unlink");
+	return StrikesPath("unlink", path, true) ? -1 : real(path);
+}
+
+int flock(int fd, int operation)
+{
+	static const auto real = kit::Real<int(int, int)>("flock");
+	const int unlocked = operation == LOCK_UN ? real(fd, operation) : 0;
+	const bool asksForPath = armedPath.has_value() && armedPath->function == "flock";
+	if (StrikesPath("flock", asksForPath ? PathOf(fd).c_str() : ""))
+		return -1;
+	return operation == LOCK_UN ? unlocked : real(fd, operation);
 }
 
 int sysinfo(struct sysinfo *info)

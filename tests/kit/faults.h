@@ -20,7 +20,7 @@ inline constexpr int kFaultCode = 0xFA17;
 /// Functions: VUNKCSzHashAlloc VUNKCSzHashGetValue VUNKCSzHashSetValue VUNKCSzHashEnumKey VUNKCSzListAlloc
 /// VUNKCSzListPush VUNKCFileGetPair VUNKCFileSetPair VUNKCFileGetSection VUNKCFileEnumSection VUNKCFileAddSection
 /// VUNKCIFileModifySection VUNKCFileRemoveSection VUNKCFileEnumDir VUNKCFileLockTimeByFile VUNKCFileUnlockByFile (which unlocks all the same) VUNKCWrite VUNKCExec; stat mkdir open
-/// sysinfo, with a given errno; and those of storage.h.
+/// unlink flock (an unlock is done all the same) sysinfo, with a given errno; and those of storage.h.
 class Fault {
 public:
 	explicit Fault(const std::string &function, int nth = 1, int error = 5 /* EIO */);
@@ -32,7 +32,7 @@ public:
 	bool Struck() const;
 };
 
-/// As Fault, for calls of stat, mkdir and open on one path only; every such call fails.
+/// As Fault, for calls of stat, mkdir, open, unlink and flock on one path only; every such call fails.
 class PathFault {
 public:
 	PathFault(const std::string &function, const std::string &path, int error);

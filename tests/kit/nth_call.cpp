@@ -5,7 +5,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <new>
+#include <optional>
 #include <stdexcept>
+#include <utility>
 
 #include <sys/mman.h>
 #include <sys/syscall.h>
@@ -36,6 +38,22 @@ State *const state = [] {
 
 thread_local int uncounted = 0;
 
+struct Hook {
+	Calls calls;
+	int countdown;
+	std::function<void()> run;
+};
+
+std::optional<Hook> hook;
+
+void RunHook(Calls calls)
+{
+	if (!hook.has_value() || calls != hook->calls || hook->countdown <= 0 || --hook->countdown != 0)
+		return;
+	const Uncounted itsOwnCalls;
+	hook->run();
+}
+
 } // namespace
 
 NthCall::NthCall(Calls calls, int n, Effect effect)
@@ -62,8 +80,27 @@ std::string NthCall::Function() const
 	return state->function;
 }
 
+std::string StruckFunction()
+{
+	return state->struck ? state->function : "";
+}
+
+BeforeNth::BeforeNth(Calls calls, int n, std::function<void()> run)
+{
+	if (hook.has_value())
+		throw std::logic_error("one at a time");
+	hook = Hook{calls, n, std::move(run)};
+}
+
+BeforeNth::~BeforeNth()
+{
+	hook.reset();
+}
+
 bool IsNth(Calls calls, const char *function, bool changesState)
 {
+	if (uncounted == 0)
+		RunHook(calls);
 	if (state == nullptr || !state->active || uncounted > 0 || calls != state->calls)
 		return false;
 	if (state->effect == NthCall::Kill && !changesState)
@@ -77,6 +114,12 @@ bool IsNth(Calls calls, const char *function, bool changesState)
 	state->struck = true;
 	snprintf(state->function, sizeof(state->function), "%s", function);
 	return true;
+}
+
+void CountChange(const char *what)
+{
+	if (state->active && state->effect == NthCall::Kill)
+		IsNth(Calls::System, what, true);
 }
 
 Uncounted::Uncounted()

@@ -1,6 +1,7 @@
 #ifndef TESTS_KIT_NTH_CALL_H
 #define TESTS_KIT_NTH_CALL_H
 
+#include <functional>
 #include <string>
 
 namespace kit {
@@ -26,9 +27,25 @@ public:
 	std::string Function() const;
 };
 
+/// The function that the last NthCall let fail; empty when it let none.
+std::string StruckFunction();
+
+/// While the object lives, something is done once, before the nth call of a kind (n from 1) that this process makes. Its own
+/// calls do not count. Objects do not nest.
+class BeforeNth {
+public:
+	BeforeNth(Calls calls, int n, std::function<void()> run);
+	~BeforeNth();
+	BeforeNth(const BeforeNth &) = delete;
+	BeforeNth &operator=(const BeforeNth &) = delete;
+};
+
 /// What an interposed function asks first: whether it is to fail now. The function of a system call that changes nothing
 /// is passed over where calls are counted for killing.
 bool IsNth(Calls calls, const char *function, bool changesState = false);
+
+/// Something that changes the machine and is no system call that could fail: it only counts for killing.
+void CountChange(const char *what);
 
 /// While it lives, the thread's own calls do not count: the kit's, from within an interposed function.
 class Uncounted {

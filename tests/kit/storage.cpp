@@ -2,7 +2,9 @@
 
 #include "kit/faults.h"
 #include "kit/machine.h"
+#include "kit/nth_call.h"
 #include "kit/real.h"
+#include "kit/timeline.h"
 
 #include <vunkcore/vunkcore.h>
 #include <zevostorage/zevostorage.h>
@@ -156,6 +158,7 @@ void Called(const Words &...words)
 	const char *separator = "";
 	((line << separator << words, separator = " "), ...);
 	fake->calls.push_back(line.str());
+	kit::Timeline::Note(line.str());
 }
 
 std::string WithPid(const ZEVOSPACEBUILD &build)
@@ -165,6 +168,7 @@ std::string WithPid(const ZEVOSPACEBUILD &build)
 
 std::string PairsOf(const VUNKSZHASH *hash)
 {
+	const kit::Uncounted uncounted;
 	std::string words;
 	VUNKSZLIST *keys = VUNKCSzListAlloc(64);
 	if (hash != nullptr)
@@ -421,12 +425,15 @@ int ZEVOFlashCachePinIsVolumeSupport(const char *szVolPath)
 	if (fake == nullptr)
 		return REAL(ZEVOFlashCachePinIsVolumeSupport)(szVolPath);
 	Called("ZEVOFlashCachePinIsVolumeSupport", szVolPath);
+	const kit::FakeVolume *const volume = FindVolume(szVolPath);
+	if (volume == nullptr || !volume->hasSpace)
+		return FailingWith(ZEVO_ERR_NO_DEVICE);
 	const auto found = fake->caches.find(szVolPath);
 	if (found == fake->caches.end() || found->second.answer == 0 ||
 	    found->second.mode == ZEVO_FLASH_CACHE_MODE_REMOVED)
 		return 0;
 	if (found->second.answer < 0)
-		return Failing(0);
+		return Failing(-1);
 	return (found->second.flags & 0x6) == 0x6 ? 1 : 0;
 }
 

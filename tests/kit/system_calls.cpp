@@ -22,7 +22,6 @@
 #include <signal.h>
 #include <sched.h>
 #include <spawn.h>
-#include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/statfs.h>
@@ -91,7 +90,6 @@ SYSTEM_CALL(int, fsync, (int fd), (fd), -1, EIO, true)
 SYSTEM_CALL(int, ftruncate, (int fd, off_t size), (fd, size), -1, ENOSPC, true)
 SYSTEM_CALL(int, renameat, (int from, const char *old, int to, const char *path), (from, old, to, path), -1, EIO, true)
 SYSTEM_CALL(int, unlinkat, (int dir, const char *path, int flags), (dir, path, flags), -1, EIO, true)
-SYSTEM_CALL(int, unlink, (const char *path), (path), -1, EIO, true)
 SYSTEM_CALL(ssize_t, read, (int fd, void *buffer, size_t size), (fd, buffer, size), -1, EIO, false)
 SYSTEM_CALL(ssize_t, write, (int fd, const void *buffer, size_t size), (fd, buffer, size), -1, ENOSPC, true)
 SYSTEM_CALL(int, fstat, (int fd, struct stat *status), (fd, status), -1, EIO, false)
@@ -158,16 +156,6 @@ int close(int fd)
 	static const auto real = kit::Real<int(int)>("close");
 	const int result = real(fd);
 	return Fails("close", EIO) ? -1 : result;
-}
-
-int flock(int fd, int operation)
-{
-	static const auto real = kit::Real<int(int, int)>("flock");
-	if (operation == LOCK_UN) {
-		const int result = real(fd, operation);
-		return Fails("flock", EIO) ? -1 : result;
-	}
-	return Fails("flock", ENOLCK) ? -1 : real(fd, operation);
 }
 
 int openat(int dir, const char *path, int flags, ...)

@@ -8,6 +8,7 @@
 #include "kit/machine.h"
 #include "kit/system_calls.h"
 
+#include "btrfs_metadata_cache/chunk_records.h"
 #include "btrfs_metadata_cache/mapping.h"
 #include "btrfs_metadata_cache/paths.h"
 #include "btrfs_metadata_cache/policy.h"

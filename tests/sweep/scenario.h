@@ -34,5 +34,6 @@ std::vector<Scenario> StorageScenarios();
 std::vector<Scenario> MetadataFilesScenarios();
 std::vector<Scenario> FlashCacheScenarios();
 std::vector<Scenario> DiscoveryScenarios();
+std::vector<Scenario> PinScenarios();
 
 #endif

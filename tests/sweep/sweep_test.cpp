@@ -4,6 +4,7 @@
 //
 // ZEVOTUNED_SWEEP_AT=7 runs one position only; ZEVOTUNED_SWEEP_WRITE=1 writes the expectations anew, for review.
 
+#include "sweep/pin_state.h"
 #include "sweep/scenario.h"
 
 #include "kit/files.h"
@@ -17,10 +18,6 @@
 #include <filesystem>
 #include <map>
 #include <sstream>
-
-#include <fcntl.h>
-#include <sys/file.h>
-#include <unistd.h>
 
 // Of the leak checker, in builds that have it.
 extern "C" __attribute__((weak)) int __lsan_do_recoverable_leak_check();
@@ -63,24 +60,14 @@ std::string Difference(const Files &before, const Files &after)
 	return text;
 }
 
-bool IsUnlocked(const std::string &path)
-{
-	const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-	if (fd < 0)
-		return errno == ENOENT;
-	const bool unlocked = flock(fd, LOCK_EX | LOCK_NB) == 0;
-	close(fd);
-	return unlocked;
-}
-
 /// One line of "7 fsync: -1 [0xB00]", the log lines for failing platform calls, and what changed on the machine.
-std::string Describe(kit::Calls calls, int n, const std::string &function, int result, const kit::Journal &journal,
-                     const std::string &difference)
+std::string Describe(kit::Calls calls, int n, const std::string &function, int result, int code,
+                     const kit::Journal &journal, const std::string &difference)
 {
 	std::ostringstream text;
 	text << n << ' ' << function << ": " << result;
 	if (result < 0)
-		text << " [0x" << std::hex << std::uppercase << VUNKCErrGet() << ']';
+		text << " [0x" << std::hex << std::uppercase << code << ']';
 	text << std::dec;
 	const auto lines = journal.Lines();
 	if (calls == kit::Calls::System)
@@ -129,11 +116,13 @@ protected:
 		const auto openBefore = kit::OpenDescriptors();
 		const kit::Journal journal;
 		int result;
+		int code;
 		bool struck;
 		std::string function;
 		{
 			const kit::NthCall nth(calls, n);
 			result = scenario.call();
+			code = VUNKCErrGet();
 			struck = nth.Struck();
 			function = nth.Function();
 		}
@@ -152,9 +141,9 @@ protected:
 			return false;
 		}
 		if (calls == kit::Calls::Platform && result < 0) {
-			EXPECT_NE(VUNKCErrGet(), 0);
+			EXPECT_NE(code, 0);
 		}
-		transcript += Describe(calls, n, function, result, journal, difference);
+		transcript += Describe(calls, n, function, result, code, journal, difference);
 		EXPECT_EQ(scenario.call(), scenario.result) << "the call does not work again";
 		if (__lsan_do_recoverable_leak_check != nullptr) {
 			EXPECT_EQ(__lsan_do_recoverable_leak_check(), 0);
@@ -209,6 +198,8 @@ INSTANTIATE_TEST_SUITE_P(MetadataFiles, Sweep, testing::ValuesIn(MetadataFilesSc
 INSTANTIATE_TEST_SUITE_P(FlashCache, Sweep, testing::ValuesIn(FlashCacheScenarios()),
                          [](const auto &scenario) { return scenario.param.name; });
 INSTANTIATE_TEST_SUITE_P(Discovery, Sweep, testing::ValuesIn(DiscoveryScenarios()),
+                         [](const auto &scenario) { return scenario.param.name; });
+INSTANTIATE_TEST_SUITE_P(Pin, Sweep, testing::ValuesIn(PinScenarios()),
                          [](const auto &scenario) { return scenario.param.name; });
 
 } // namespace

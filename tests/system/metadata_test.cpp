@@ -2,6 +2,8 @@
 
 #include "btrfs_metadata_cache/chunk_discovery.h"
 
+#include "system/btrfs_chunks.h"
+
 #include "kit/files.h"
 #include "kit/journal.h"
 #include "kit/lab.h"
@@ -10,7 +12,6 @@
 
 #include <zevotuned/metadata_cache.h>
 
-#include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -102,47 +103,8 @@ protected:
 		return found;
 	}
 
-	/// Metadata and system chunks as the file system's own tool reads them from the device.
-	Strings ChunksOnDevice() const
-	{
-		kit::RunProgram({"sync", "-f", volume});
-		kit::RunProgram({"blockdev", "--flushbufs", device});
-		std::istringstream lines(
-			kit::RunProgram({"btrfs", "inspect-internal", "dump-tree", "-t", "chunk", device}));
-		static const std::regex kItem(R"(.*\(FIRST_CHUNK_TREE CHUNK_ITEM (\d+)\).*)");
-		static const std::regex kLength(R"(\s+length (\d+) .* type (\S+))");
-		static const std::regex kStripe(R"(\s+stripe \d+ devid \d+ offset (\d+))");
-		Strings found;
-		std::string offset;
-		bool isMetadata = false;
-		std::smatch match;
-		for (std::string line; std::getline(lines, line);) {
-			if (std::regex_match(line, match, kItem)) {
-				offset = match[1];
-			} else if (std::regex_match(line, match, kLength)) {
-				const std::string type = match[2];
-				isMetadata = type.find("METADATA") != std::string::npos ||
-				             type.find("SYSTEM") != std::string::npos;
-				if (isMetadata)
-					found.push_back(offset + ' ' + match[1].str());
-			} else if (isMetadata && std::regex_match(line, match, kStripe)) {
-				found.back() += ' ' + match[1].str();
-			}
-		}
-		return found;
-	}
-
-	Strings SuperblocksOnDevice() const
-	{
-		std::istringstream lines(kit::RunProgram({"btrfs", "inspect-internal", "dump-super", "-a", device}));
-		Strings found;
-		static const std::regex kHead(R"(superblock: bytenr=(\d+), .*)");
-		std::smatch match;
-		for (std::string line; std::getline(lines, line);)
-			if (std::regex_match(line, match, kHead))
-				found.push_back(std::to_string(found.size() + 1) + " 4096 " + match[1].str());
-		return found;
-	}
+	Strings ChunksOnDevice() const { return ::ChunksOnDevice(volume, device); }
+	Strings SuperblocksOnDevice() const { return ::SuperblocksOnDevice(device); }
 
 	/// The sum of what `btrfs filesystem df` says of metadata and system, DUP twice.
 	unsigned long long AllocatedSize() const
@@ -164,26 +126,9 @@ protected:
 		return size;
 	}
 
-	/// The file system removes chunks that hold nothing, whenever it likes: what is found before and after one that goes is
-	/// no fault of ours. Repeats the look until the chunks are the same before and after it.
-	void WhileChunksStay(const std::function<void(const Strings &)> &look)
+	void WhileChunksStay(const std::function<void(const Strings &)> &look) const
 	{
-		for (int i = 0; i < 20; ++i) {
-			const Strings chunks = ChunksOnDevice();
-			testing::TestPartResultArray failures;
-			{
-				const testing::ScopedFakeTestPartResultReporter reporter(
-					testing::ScopedFakeTestPartResultReporter::INTERCEPT_ONLY_CURRENT_THREAD,
-					&failures);
-				look(chunks);
-			}
-			if (ChunksOnDevice() != chunks)
-				continue;
-			for (int each = 0; each < failures.size(); ++each)
-				ADD_FAILURE() << failures.GetTestPartResult(each).message();
-			return;
-		}
-		FAIL() << "the chunks never stay";
+		::WhileChunksStay(volume, device, look);
 	}
 
 	void ExpectAsOnDevice()

@@ -25,17 +25,11 @@
 
 namespace {
 
-constexpr uint64_t kMetadataTypes = BTRFS_BLOCK_GROUP_SYSTEM | BTRFS_BLOCK_GROUP_METADATA;
 constexpr const char *kSeeVolumes = " (\"zevotune devices\" lists the volumes)";
 
 [[noreturn]] void Refuse(const std::string &volume, const std::string &reason)
 {
 	throw Failure("cannot show the metadata of " + Quoted(volume) + ": " + reason);
-}
-
-std::string DeviceOf(const ZEVOSPACEINFO &space)
-{
-	return *space.szAltDevice != '\0' ? space.szAltDevice : space.szDevice;
 }
 
 // All names of a device lead to one number; the kernel's own name of it does not change while it is mounted.
@@ -73,7 +67,7 @@ const ZEVOSPACEINFO &SpaceByUuid(const SpaceList &spaces, const std::string &vol
 const ZEVOSPACEINFO &RequireSpace(const SpaceList &spaces, const std::string &volume)
 {
 	const auto isNamed = [&](const ZEVOSPACEINFO &space) {
-		return volume == DeviceOf(space) || volume == space.szDevice || volume == space.szVolPath;
+		return volume == DeviceOf(&space) || volume == space.szDevice || volume == space.szVolPath;
 	};
 	if (const ZEVOSPACEINFO *space = FindSpace(spaces, isNamed))
 		return *space;
@@ -163,7 +157,7 @@ MetadataLayout ExamineMetadata(const std::string &volume)
 	MetadataLayout layout;
 	layout.path = space.szVolPath;
 	layout.uuid = space.szUuid;
-	layout.device = DeviceOf(space);
+	layout.device = DeviceOf(&space);
 	layout.deviceSize = SizeOf(layout.device);
 	layout.chunks = Walk(BtrfsMetadataCacheChunkNext, layout, volume);
 	layout.superblocks = Walk(BtrfsMetadataCacheSuperblockNext, layout, volume);

@@ -1,4 +1,5 @@
 #include "btrfs_metadata_cache/mapping.h"
+#include "btrfs_metadata_cache/chunk_records.h"
 
 #include "kit/faults.h"
 #include "kit/files.h"
@@ -259,6 +260,127 @@ TEST_F(MappingChunk, IsNotMarkedWhereTheCoreLibraryFails)
 {
 	ExpectFailures("1048576", "btrfs_metadata_cache.cpp Failed to set hash key status value 1",
 	               [&] { return Done(); });
+}
+
+class MappingInit : public Mapping {
+protected:
+	int Init() const { return BtrfsMetadataCacheConfigInit(path.c_str()); }
+	int Has() const { return BtrfsMetadataCacheHasConfig(path.c_str()); }
+
+	const std::string fresh = "[config]\nstatus=\"1\"\nmax_used_size=\"0\"\n";
+};
+
+TEST_F(MappingInit, GivesANewFileItsConfig)
+{
+	Write("");
+	EXPECT_EQ(Has(), 0);
+	EXPECT_EQ(Init(), 0);
+	EXPECT_EQ(Text(), fresh);
+	EXPECT_EQ(Has(), 1);
+	EXPECT_EQ(journal.Lines(), Lines{});
+}
+
+TEST_F(MappingInit, AddsTheConfigBehindChunksThatAreRecorded)
+{
+	Write(kFirst);
+	EXPECT_EQ(Has(), 0);
+	EXPECT_EQ(Init(), 0);
+	EXPECT_EQ(Text(), kFirst + fresh);
+	EXPECT_EQ(Has(), 1);
+	EXPECT_EQ(journal.Lines(), Lines{});
+}
+
+TEST_F(MappingInit, LeavesAConfigInUseAlone)
+{
+	for (const char *const status : {"1", "2", "0", "4", "x", ""}) {
+		SCOPED_TRACE(status);
+		const std::string text =
+			Replaced(kConfig, "status=\"1\"", "status=\"" + std::string(status) + "\"") + kChunk;
+		Write(text);
+		EXPECT_EQ(Init(), 0);
+		EXPECT_EQ(Text(), text);
+		EXPECT_EQ(Has(), 1);
+	}
+	const std::string text = "[config]\nstatus=\"2\"\n"; // without the most that was used
+	Write(text);
+	EXPECT_EQ(Init(), 0);
+	EXPECT_EQ(Text(), text);
+}
+
+TEST_F(MappingInit, StartsAgainAfterSwitchingOffAndKeepsWhatIsStillPinned)
+{
+	Write(Replaced(kConfig, "status=\"1\"", "status=\"3\"") + "other=\"x\"\n" + kChunk);
+	EXPECT_EQ(Init(), 0);
+	EXPECT_EQ(Text(), fresh + "other=\"x\"\n" + kChunk);
+}
+
+TEST_F(MappingInit, StartsWhereThereIsNoStatus)
+{
+	Write("[config]\nmax_used_size=\"16777216\"\n" + kChunk);
+	EXPECT_EQ(Has(), 1);
+	EXPECT_EQ(Init(), 0);
+	EXPECT_EQ(Text(), "[config]\nmax_used_size=\"0\"\nstatus=\"1\"\n" + kChunk);
+	Write("[config]\n" + kChunk);
+	EXPECT_EQ(Has(), 1);
+	EXPECT_EQ(Init(), 0);
+	EXPECT_EQ(Text(), fresh + kChunk);
+}
+
+TEST_F(MappingInit, FailsWhereTheFileCannotBeRead)
+{
+	Write(kConfig + "[1048576]\nstatus");
+	EXPECT_EQ(Init(), -1);
+	EXPECT_EQ(Has(), -1);
+	fs::remove(path);
+	EXPECT_EQ(Init(), -1);
+	EXPECT_EQ(Has(), -1);
+	const std::string broken = GetFails("config", "[0x1500 " + path + ":5]");
+	const std::string missing = GetFails("config", "[0x0800 " + path + ":0]");
+	EXPECT_EQ(journal.Lines(), (Lines{broken, broken, missing, missing}));
+	EXPECT_FALSE(fs::exists(path)); // making it is not for them
+}
+
+TEST_F(MappingInit, FailsWhereTheCoreLibraryFails)
+{
+	const auto notSet = [](const std::string &key, const std::string &value) {
+		return "btrfs_metadata_cache.cpp Failed to set hash key [" + key + "] value [" + value + "]" + kFault;
+	};
+	const struct {
+		const char *function;
+		int nth;
+		std::string line;
+		std::string text;
+	} rows[] = {
+		{"VUNKCSzHashAlloc", 1, "btrfs_metadata_cache.cpp Failed to VUNKCSzHashAlloc()." + kFault, kFirst},
+		{"VUNKCFileGetSection", 1, GetFails("config", kFault), kFirst},
+		{"VUNKCSzHashSetValue", 1, notSet("status", "1"), kFirst},
+		{"VUNKCSzHashSetValue", 2, notSet("max_used_size", "0"), kFirst},
+		{"VUNKCFileAddSection", 1, SetFails("config", kFault), kFirst},
+		{"VUNKCIFileModifySection", 1, SetFails("config", kFault), "[config]\nstatus=\"3\"\n" + kFirst},
+	};
+	for (const auto &row : rows) {
+		SCOPED_TRACE(row.line);
+		journal.Clear();
+		Write(row.text);
+		const kit::Fault fault(row.function, row.nth);
+		EXPECT_EQ(Init(), -1);
+		EXPECT_TRUE(fault.Struck());
+		EXPECT_EQ(journal.Lines(), Lines{row.line});
+		EXPECT_EQ(VUNKCErrGet(), kit::kFaultCode);
+		EXPECT_EQ(Text(), row.text);
+	}
+}
+
+TEST_F(MappingInit, CannotTellWhetherThereIsAConfigWhereTheCoreLibraryFails)
+{
+	{
+		const kit::Fault fault("VUNKCSzHashAlloc");
+		EXPECT_EQ(Has(), -1);
+	}
+	const kit::Fault fault("VUNKCFileGetSection");
+	EXPECT_EQ(Has(), -1);
+	EXPECT_EQ(journal.Lines(), (Lines{"btrfs_metadata_cache.cpp Failed to VUNKCSzHashAlloc()." + kFault,
+	                                  GetFails("config", kFault)}));
 }
 
 } // namespace

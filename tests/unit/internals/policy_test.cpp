@@ -435,7 +435,11 @@ TEST_F(SsdCache, HasTextsCutToTheirRoom)
 	const std::string device = "/dev/" + std::string(5000, 'd');
 	storage.volumes.push_back({path, "uuid", {}, ZEVO_FS_BTRFS, true, device, ""});
 	storage.caches[path].reference = std::string(300, 'r');
-	memset(&context, 0x55, sizeof(context));
+	for (const auto &[text, size] : {std::pair{context.szVolPath, sizeof(context.szVolPath)},
+	                                 {context.szDevPath, sizeof(context.szDevPath)},
+	                                 {context.szCacheRef, sizeof(context.szCacheRef)},
+	                                 {context.szSsdId, sizeof(context.szSsdId)}})
+		memset(text, 0x55, size);
 	EXPECT_EQ(Cache(path), 1);
 	EXPECT_EQ(context.szVolPath, path.substr(0, 4095));
 	EXPECT_EQ(context.szDevPath, device.substr(0, 4095));

@@ -1,5 +1,6 @@
 #include "btrfs_metadata_cache/progress.h"
 
+#include "kit/device_reads.h"
 #include "kit/faults.h"
 #include "kit/files.h"
 #include "kit/journal.h"
@@ -152,6 +153,106 @@ TEST_F(ProgressFile, CannotEndWhereItCannotBeRemoved)
 		journal.Lines(),
 		Lines{"btrfs_metadata_cache.cpp Failed to delete btrfs metadata cache progress file (" + kFile + ") "});
 	EXPECT_TRUE(fs::exists(kFile));
+}
+
+// The clock stands a second after the machine's start.
+class ProgressUpdate : public ProgressFile {
+protected:
+	ProgressUpdate()
+	{
+		context.fProgress = 1;
+		context.ullProgressTotal = 1000;
+		context.ullProgressCurrent = 0;
+		reads.clock = 1000000;
+	}
+
+	int Update(uint64_t bytes) { return BtrfsMetadataCacheProgressUpdate(context, bytes); }
+	static std::string Text(const std::string &current)
+	{
+		return "pid=\"4711\"\ntotal=\"1000\"\ncurrent=\"" + current + "\"\n";
+	}
+
+	kit::DeviceReads reads;
+};
+
+TEST_F(ProgressUpdate, DoesNothingWhereNoProgressIsReported)
+{
+	context.fProgress = 0;
+	EXPECT_EQ(Update(100), 0);
+	EXPECT_EQ(context.ullProgressCurrent, 0u);
+	EXPECT_EQ(context.tsLastProgressWrite.tv_sec, 0);
+	EXPECT_FALSE(fs::exists(kFolder));
+}
+
+TEST_F(ProgressUpdate, WritesTheFirstTimeAlsoRightAfterTheMachinesStart)
+{
+	for (const uint64_t start : {1, 1000000, 3999999, 4000000}) {
+		SCOPED_TRACE(start);
+		reads.clock = start;
+		context.tsLastProgressWrite = {};
+		context.ullProgressCurrent = 0;
+		fs::remove(kFile);
+		EXPECT_EQ(Update(100), 0);
+		EXPECT_EQ(kit::ReadFile(kFile), Text("100"));
+	}
+	EXPECT_EQ(journal.Lines(), Lines{});
+}
+
+TEST_F(ProgressUpdate, WritesAfterFourWholeSecondsAndCountsMeanwhile)
+{
+	reads.clock = 1500000;
+	EXPECT_EQ(Update(100), 0);
+	EXPECT_EQ(context.tsLastProgressWrite.tv_sec, 1);
+	EXPECT_EQ(context.tsLastProgressWrite.tv_nsec, 500000000);
+	for (const uint64_t now :
+	     {1500000, 2000000, 5000000, 5499999}) { // the seconds differ by 4 before 4 have passed
+		reads.clock = now;
+		EXPECT_EQ(Update(100), 0);
+		EXPECT_EQ(kit::ReadFile(kFile), Text("100"));
+	}
+	EXPECT_EQ(context.ullProgressCurrent, 500u);
+	reads.clock = 5500000;
+	EXPECT_EQ(Update(1), 0);
+	EXPECT_EQ(kit::ReadFile(kFile), Text("501"));
+	reads.clock = 9400000;
+	EXPECT_EQ(Update(1), 0);
+	EXPECT_EQ(kit::ReadFile(kFile), Text("501"));
+	reads.clock = 100000000;
+	EXPECT_EQ(Update(0), 0);
+	EXPECT_EQ(kit::ReadFile(kFile), Text("502"));
+}
+
+TEST_F(ProgressUpdate, NeverExceedsTheTotal)
+{
+	EXPECT_EQ(Update(1000), 0);
+	EXPECT_EQ(context.ullProgressCurrent, 1000u);
+	EXPECT_EQ(Update(1), 0);
+	EXPECT_EQ(Update(UINT64_MAX), 0); // nor starts again
+	EXPECT_EQ(context.ullProgressCurrent, 1000u);
+	context.ullProgressCurrent = 999;
+	EXPECT_EQ(Update(UINT64_MAX), 0);
+	EXPECT_EQ(context.ullProgressCurrent, 1000u);
+	context.ullProgressTotal = 0;
+	EXPECT_EQ(Update(1), 0);
+	EXPECT_EQ(context.ullProgressCurrent, 0u);
+	EXPECT_EQ(kit::ReadFile(kFile), Text("1000"));
+}
+
+TEST_F(ProgressUpdate, FailsWhereTheFileCannotBeWrittenAndTriesAgainNextTime)
+{
+	{
+		const kit::Fault fault("VUNKCFileSetPair");
+		EXPECT_EQ(Update(100), -1);
+	}
+	EXPECT_EQ(journal.Lines(),
+	          (Lines{"btrfs_metadata_cache.cpp Failed to set hash to file [" + kFile + "]" + kFault,
+	                 "btrfs_metadata_cache.cpp Failed to BtrfsMetadataCacheProgressWriteFile with UUID[" + kUuid +
+	                         "]" + kFault}));
+	EXPECT_EQ(VUNKCErrGet(), kit::kFaultCode);
+	EXPECT_EQ(context.ullProgressCurrent, 100u);
+	EXPECT_EQ(context.tsLastProgressWrite.tv_sec, 0);
+	EXPECT_EQ(Update(100), 0);
+	EXPECT_EQ(kit::ReadFile(kFile), Text("200"));
 }
 
 } // namespace
