@@ -348,7 +348,7 @@ std::vector<Case> Cases()
 	return cases;
 }
 
-constexpr int kStep = kit::kIsSlowBuild ? 7 : 1; // from one position of a pass to the next
+constexpr int kStep = kit::kIsSlowBuild ? 13 : 1; // from one position of a pass to the next
 
 class Interference : public kit::LabTest, public testing::WithParamInterface<Case> {
 protected:
