@@ -4,6 +4,7 @@
 
 #include "bench.h"
 
+#include "btrfs_metadata_cache/chunk_records.h"
 #include "btrfs_metadata_cache/mapping.h"
 
 #include <vunkcore/hash.h>
