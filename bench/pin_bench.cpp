@@ -361,6 +361,7 @@ void MeasurePreload()
 		if (entry.path().filename() == "image")
 			image = entry.path();
 	Fill(device.Path());
+	sync(); // or marking the chunk as read would wait for what is still to be written
 	volume.hasReading = true;
 	bench::WriteFile(Mapping(), "");
 	const chunk_info chunk = {kDistance, kPreloadBytes, 1, {0, 0}, 0};
