@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -64,26 +65,48 @@ int ReadEntry(const char *path, Entry &entry)
 	return Parse({text, static_cast<size_t>(length)}, entry) ? VUNKC_ERR_NONE : VUNKC_ERR_PID_FILE;
 }
 
-/// Opens the process of an entry. Returns an error code, which is not set yet.
-int OpenProcess(Entry entry, vunkc::Descriptor &process)
+/// The process of an entry: held by a pidfd, or, where there are none, known by its id alone.
+struct NamedProcess {
+	/// As kill().
+	int Signal(int number) const
+	{
+		// The second way leaves a window: when the process has ended since its start time was read, was collected, and
+		// its id went to another one, it is that one which is signalled.
+		return fd ? pidfd_send_signal(fd.Get(), number, nullptr, 0) : kill(pid, number);
+	}
+
+	pid_t pid = -1;
+	vunkc::Descriptor fd;
+};
+
+/// Whether this errno of pidfd_open() means that the kernel, before Linux 5.3, or a sandbox has no pidfds.
+bool MeansNoPidfds(int error)
 {
-	process = vunkc::Descriptor(pidfd_open(entry.pid, 0));
-	if (!process)
+	return error == ENOSYS || error == EPERM;
+}
+
+/// Finds the process of an entry. Returns an error code, which is not set yet.
+int FindProcess(Entry entry, NamedProcess &process)
+{
+	process.pid = entry.pid;
+	process.fd = vunkc::Descriptor(pidfd_open(entry.pid, 0));
+	if (!process.fd && !MeansNoPidfds(errno))
 		return vunkc::MeansNoProcess(errno) ? VUNKC_ERR_NO_PROCESS : VUNKC_ERR_SIGNAL;
 	const auto stat = vunkc::ReadProcessStat(vunkc::StatPath(entry.pid).text);
 	// The id cannot change hands while its process has not ended. So when that is still so after the start time was
 	// read, it was the start time of the process that is open.
-	if (!stat || stat->startTime != entry.startTime || vunkc::HasEnded(process))
+	if (!stat || stat->startTime != entry.startTime ||
+	    (process.fd ? vunkc::HasEnded(process.fd) : stat->HasEnded()))
 		return VUNKC_ERR_NO_PROCESS;
 	return VUNKC_ERR_NONE;
 }
 
-/// Opens the process that a pid file names. Returns an error code, which is not set yet.
-int OpenNamedProcess(const char *path, vunkc::Descriptor &process)
+/// Finds the process that a pid file names. Returns an error code, which is not set yet.
+int FindNamedProcess(const char *path, NamedProcess &process)
 {
 	Entry entry;
 	const int code = ReadEntry(path, entry);
-	return code == VUNKC_ERR_NONE ? OpenProcess(entry, process) : code;
+	return code == VUNKC_ERR_NONE ? FindProcess(entry, process) : code;
 }
 
 bool IsOfFile(int code)
@@ -107,13 +130,13 @@ int VUNKCProcSignalByPidFile(const char *szPath, int iSignal)
 {
 	if (szPath == nullptr)
 		return VUNKC_FAIL(-1, VUNKC_ERR_BAD_ARGUMENT);
-	vunkc::Descriptor process;
-	const int code = OpenNamedProcess(szPath, process);
+	NamedProcess process;
+	const int code = FindNamedProcess(szPath, process);
 	if (IsOfFile(code))
 		return vunkc::FailAt(-1, code, szPath, 0);
 	if (code != VUNKC_ERR_NONE)
 		return VUNKC_FAIL(-1, code);
-	if (pidfd_send_signal(process.Get(), iSignal, nullptr, 0) != 0)
+	if (process.Signal(iSignal) != 0)
 		return VUNKC_FAIL(-1, errno == ESRCH ? VUNKC_ERR_NO_PROCESS : VUNKC_ERR_SIGNAL);
 	return 0;
 }
@@ -122,8 +145,8 @@ int VUNKCProcAliveByPidFile(const char *szPath)
 {
 	if (szPath == nullptr)
 		return VUNKC_FAIL(-1, VUNKC_ERR_BAD_ARGUMENT);
-	vunkc::Descriptor process;
-	const int code = OpenNamedProcess(szPath, process);
+	NamedProcess process;
+	const int code = FindNamedProcess(szPath, process);
 	if (IsOfFile(code))
 		return vunkc::FailAt(-1, code, szPath, 0);
 	return code == VUNKC_ERR_NONE;

@@ -2,8 +2,9 @@
 
 #include <zevostorage/flash_cache.h>
 
+#include <algorithm>
+#include <charconv>
 #include <cstring>
-#include <sstream>
 #include <string>
 #include <utility>
 
@@ -35,39 +36,90 @@ std::optional<std::string_view> TextAt(std::string_view bytes, size_t offset)
 	return bytes.substr(0, length);
 }
 
-/// What the features of a dm-cache say: "SIZE-OF-BLOCK NUMBER-OF-FEATURES FEATURE...", of which the last one counts.
-std::optional<int> CacheMode(std::istringstream &words)
+/// Takes the words of a text, which blanks separate. No stream: the constructor of one takes a lock of the C++ library's,
+/// which in a forked child may be closed for good.
+class Words {
+public:
+	explicit Words(std::string_view text) : rest(text) {}
+
+	std::optional<std::string_view> Next()
+	{
+		SkipBlanks();
+		const std::string_view word = rest.substr(0, rest.find_first_of(kBlanks));
+		rest.remove_prefix(word.size());
+		return word.empty() ? std::nullopt : std::optional(word);
+	}
+
+	/// The number that comes next; what follows its digits is the next word, blank or not.
+	std::optional<int> NextNumber()
+	{
+		SkipBlanks();
+		if (rest.starts_with('+') && !rest.starts_with("+-"))
+			rest.remove_prefix(1);
+		int number;
+		const auto [end, error] = std::from_chars(rest.data(), rest.data() + rest.size(), number);
+		if (error != std::errc())
+			return std::nullopt;
+		rest.remove_prefix(static_cast<size_t>(end - rest.data()));
+		return number;
+	}
+
+private:
+	static constexpr std::string_view kBlanks = " \t\n\v\f\r";
+
+	void SkipBlanks() { rest.remove_prefix(std::min(rest.find_first_not_of(kBlanks), rest.size())); }
+
+	std::string_view rest;
+};
+
+bool IsFeature(std::string_view word, std::string_view feature)
 {
-	std::string blockSize;
-	int count = -1;
-	if (!(words >> blockSize >> count) || count < 0)
+	return word.size() == feature.size() && strncasecmp(word.data(), feature.data(), word.size()) == 0;
+}
+
+/// What the features of a dm-cache say: "SIZE-OF-BLOCK NUMBER-OF-FEATURES FEATURE...", of which the last one counts.
+std::optional<int> CacheMode(Words &words)
+{
+	const std::optional<std::string_view> blockSize = words.Next();
+	const std::optional<int> count = words.NextNumber();
+	if (!blockSize || !count || *count < 0)
 		return std::nullopt;
 	int mode = ZEVO_FLASH_CACHE_MODE_WRITE_BACK; // the kernel's default
-	for (std::string feature; count > 0; --count) {
-		if (!(words >> feature))
+	for (int left = *count; left > 0; --left) {
+		const std::optional<std::string_view> feature = words.Next();
+		if (!feature)
 			return std::nullopt;
-		if (strcasecmp(feature.c_str(), "writeback") == 0)
+		if (IsFeature(*feature, "writeback"))
 			mode = ZEVO_FLASH_CACHE_MODE_WRITE_BACK;
-		else if (strcasecmp(feature.c_str(), "writethrough") == 0)
+		else if (IsFeature(*feature, "writethrough"))
 			mode = ZEVO_FLASH_CACHE_MODE_WRITE_THROUGH;
-		else if (strcasecmp(feature.c_str(), "passthrough") == 0)
+		else if (IsFeature(*feature, "passthrough"))
 			mode = ZEVO_FLASH_CACHE_MODE_READ_ONLY;
 	}
 	return mode;
 }
 
+/// Takes the next word; false when there is none.
+bool TakeWord(Words &words, std::string &word)
+{
+	const std::optional<std::string_view> next = words.Next();
+	word = next.value_or("");
+	return next.has_value();
+}
+
 /// Appends a target if it is one that caches. False when it lacks a device.
 bool AppendCache(std::string_view type, std::string_view parameters, std::vector<CacheTarget> &caches)
 {
-	std::istringstream words{std::string(parameters)};
+	Words words(parameters);
 	CacheTarget target;
 	if (type == "cache") {
-		if (!(words >> target.metadata >> target.cache >> target.origin))
+		if (!TakeWord(words, target.metadata) || !TakeWord(words, target.cache) ||
+		    !TakeWord(words, target.origin))
 			return false;
 		target.mode = CacheMode(words);
 	} else if (type == "writecache") {
 		std::string kind;
-		if (!(words >> kind >> target.origin >> target.cache))
+		if (!TakeWord(words, kind) || !TakeWord(words, target.origin) || !TakeWord(words, target.cache))
 			return false;
 		target.mode = ZEVO_FLASH_CACHE_MODE_WRITE_BACK;
 	} else {

@@ -1,10 +1,13 @@
 #include <zevostorage/notify.h>
 
+#include "common/descriptor.h"
 #include "storage/failure.h"
 #include "storage/list_owner.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <optional>
@@ -12,15 +15,14 @@
 #include <string_view>
 #include <vector>
 
-#define SD_JOURNAL_SUPPRESS_LOCATION // the place of these calls tells nobody anything
-#include <sys/uio.h>
+#include <endian.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <syslog.h>
-#include <systemd/sd-journal.h>
-#include <unistd.h>
 
 namespace {
 
-constexpr char kJournalSocket[] = "/run/systemd/journal/socket";
+constexpr sockaddr_un kJournal = {AF_UNIX, "/run/systemd/journal/socket"};
 constexpr size_t kMaxFieldName = 64; // of the journal
 constexpr int kMaxTexts = 8;
 
@@ -33,34 +35,46 @@ std::string Printable(std::string_view text)
 	return line;
 }
 
-/// An entry while it is put together. The journal takes the length of each field, so that no value can forge another.
+/// An entry while it is put together, as the datagram that the journal takes. It has the length of each value, so that no
+/// value can forge another field.
 class Entry {
 public:
 	explicit Entry(std::string_view text) : message(Printable(text))
 	{
 		Add("MESSAGE", message);
 		Add("PRIORITY", std::to_string(LOG_WARNING));
+		Add("SYSLOG_IDENTIFIER", program_invocation_short_name);
 	}
 
 	void Add(std::string_view name, std::string_view value)
 	{
-		fields.push_back(std::string(name).append("=").append(value));
+		const uint64_t length = htole64(value.size());
+		datagram.append(name).append("\n");
+		datagram.append(reinterpret_cast<const char *>(&length), sizeof(length));
+		datagram.append(value).append("\n");
 	}
 
 	void Send() const
 	{
-		std::vector<iovec> parts;
-		for (const std::string &field : fields)
-			parts.push_back({const_cast<char *>(field.data()), field.size()});
-		// Without a journal sd_journal_sendv() would succeed, and send nothing.
-		const bool hasJournal = access(kJournalSocket, W_OK) == 0;
-		if (!hasJournal || sd_journal_sendv(parts.data(), static_cast<int>(parts.size())) < 0)
+		if (!SendToJournal())
 			syslog(LOG_WARNING, "%s", message.c_str());
 	}
 
 private:
+	/// False when there is no journal, or it does not take the entry at once: who tells of a full cache is not to wait
+	/// for a journal that has stopped.
+	///
+	/// The socket is made for this entry: one that is kept would be another file in a child that has closed all its
+	/// descriptors.
+	bool SendToJournal() const
+	{
+		const vunkc::Descriptor journal(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+		return journal && sendto(journal.Get(), datagram.data(), datagram.size(), MSG_NOSIGNAL | MSG_DONTWAIT,
+		                         reinterpret_cast<const sockaddr *>(&kJournal), sizeof(kJournal)) >= 0;
+	}
+
 	const std::string message;
-	std::vector<std::string> fields;
+	std::string datagram;
 };
 
 using Pair = std::pair<std::string, std::string>;

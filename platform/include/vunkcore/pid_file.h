@@ -24,6 +24,7 @@ VUNKC_API int VUNKCProcPidFileCreate(const char *szPath);
 
 /**
  * Sends a signal to the process that a file names, and to no other: an id that changes hands in the meantime is not hit.
+ * Only where the kernel has no pidfds (before Linux 5.3), or a sandbox forbids them, there is a moment in which it could be.
  *
  * @return 0 when it was sent, or -1: VUNKC_ERR_FILE_MISSING, VUNKC_ERR_FILE_OPEN, VUNKC_ERR_FILE_READ,
  *         VUNKC_ERR_PID_FILE, VUNKC_ERR_NO_PROCESS, VUNKC_ERR_SIGNAL (not permitted, or no such signal).

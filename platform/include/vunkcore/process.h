@@ -45,15 +45,27 @@ VUNKC_API int VUNKCExecl(const char *szProgram, int iFlags, ...) __attribute__((
  * Forks a child that nobody waits for: the caller never sees it end, and it leaves no zombie where it is adopted by a
  * process that collects its children, as init does.
  *
- * The child is a copy of the calling thread. It is a session of its own without a terminal, has /dev/null as standard
- * input, output and error, no other descriptor, default signal dispositions, no blocked signals and a syslog connection
- * that is opened afresh at its first line. It must end with _exit.
+ * The child is a copy of the calling thread. It is a session of its own without a terminal, has "/" as working directory
+ * (so that it keeps no volume from being unmounted), /dev/null as standard input, output and error, no other descriptor,
+ * default signal dispositions, no blocked signals and a syslog connection that is opened afresh at its first line. It
+ * cannot be cancelled (pthread_cancel). It must end with _exit: anything else would run the host's exit handlers and write
+ * once more what the host's streams hold.
  *
- * Another child of the caller, which makes this one, lives for a moment and ends with status 0. It is collected before
- * the call returns, unless the host collects it first; the host may see SIGCHLD for it.
+ * The host may have other threads, whatever they do. Of the locks that these hold at the moment of the fork, the child
+ * never meets those of the allocator, of the list of streams and of the dynamic loader, which fork() looks after, nor
+ * those of syslog(), of the time zone and of translated messages (strerror), which this function does. Locks of others,
+ * and those of single streams, stay closed in the child when they were. Handlers that the host has registered with
+ * pthread_atfork run, as with any fork(), with all signals blocked.
  *
- * @return in the child 0; in the caller the child's process id, or -1 on failure (VUNKC_ERR_FORK), when there is no
- *         child.
+ * To find these locks open takes as many forks as it takes: one in most hosts, dozens where several threads do nothing
+ * but log. The call gives up after some ten seconds, and not before several attempts. It waits for syslog() as a line to
+ * log would, and during all that the calling thread takes no signal and cannot be cancelled.
+ *
+ * Another child of the caller, which makes this one, lives for a moment and ends with status 0; there is one for each
+ * attempt. It is collected before the call returns, unless the host collects it first; the host may see SIGCHLD for it.
+ *
+ * @return in the child 0; in the caller the child's process id, or -1 on failure (VUNKC_ERR_FORK, with errno EDEADLK when
+ *         the locks never were open), when there is no child.
  */
 VUNKC_API pid_t VUNKCProcForkChildNoWait(void);
 

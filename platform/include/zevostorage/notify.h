@@ -4,7 +4,9 @@
 /**
  * @file
  * Telling people what happens to their storage: entries of the systemd journal with fields that programs can match, or
- * lines of syslog, of the message alone, where no journal listens. Control characters in a message are "?".
+ * lines of syslog, of the message alone, where no journal listens or it does not take the entry at once. Control
+ * characters in a message are "?". Each entry names the program as well (SYSLOG_IDENTIFIER). Nothing stays open between
+ * two calls, so a forked child may make them too.
  */
 
 #include <vunkcore/hash.h>

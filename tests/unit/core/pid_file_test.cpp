@@ -12,6 +12,7 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -234,6 +235,48 @@ TEST_F(PidFile, AProcessOfSomebodyElseIsAliveButNotSignalled)
 			  return setgid(65534) == 0 && setuid(65534) == 0 &&
 		                 VUNKCProcAliveByPidFile(path.c_str()) == 1 &&
 		                 VUNKCProcSignalByPidFile(path.c_str(), SIGKILL) == -1 &&
+		                 VUNKCErrGet() == VUNKC_ERR_SIGNAL;
+		  }),
+	          0);
+	EXPECT_TRUE(named.IsThere());
+}
+
+TEST_F(PidFile, FindsItsProcessWithoutPidfds)
+{
+	for (const int error : {ENOSYS, EPERM}) {
+		Bystander named;
+		Bystander other;
+		kit::WriteFile(path, Line(named.Pid(), StartTime(named.Pid())));
+		EXPECT_EQ(StatusOfChild([&] {
+				  return Forbid(SYS_pidfd_open, error) && VUNKCProcAliveByPidFile(path.c_str()) == 1 &&
+			                 VUNKCProcSignalByPidFile(path.c_str(), 1000) == -1 &&
+			                 VUNKCErrGet() == VUNKC_ERR_SIGNAL &&
+			                 VUNKCProcSignalByPidFile(path.c_str(), SIGTERM) == 0;
+			  }),
+		          0)
+			<< error;
+		ASSERT_TRUE(named.HasEndedBy(SIGTERM)) << error;
+		const auto namesNobody = [&] {
+			return StatusOfChild([&] {
+				       return Forbid(SYS_pidfd_open, error) && NamesNobody(VUNKC_ERR_NO_PROCESS);
+			       }) == 0;
+		};
+		EXPECT_TRUE(namesNobody()) << error << ": a zombie";
+		named.Kill();
+		EXPECT_TRUE(namesNobody()) << error << ": nobody";
+		kit::WriteFile(path, Line(other.Pid(), StartTime(other.Pid()) + 1));
+		EXPECT_TRUE(namesNobody()) << error << ": another process";
+		EXPECT_TRUE(other.IsThere());
+	}
+}
+
+TEST_F(PidFile, IsAFailureToSignalWhereThereIsNoRoomForAPidfd)
+{
+	Bystander named;
+	kit::WriteFile(path, Line(named.Pid(), StartTime(named.Pid())));
+	EXPECT_EQ(StatusOfChild([&] {
+			  return Forbid(SYS_pidfd_open, EMFILE) && VUNKCProcAliveByPidFile(path.c_str()) == 0 &&
+		                 VUNKCProcSignalByPidFile(path.c_str(), SIGTERM) == -1 &&
 		                 VUNKCErrGet() == VUNKC_ERR_SIGNAL;
 		  }),
 	          0);

@@ -5,11 +5,16 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <string>
 
 #include <fcntl.h>
+#include <linux/filter.h>
+#include <linux/seccomp.h>
 #include <poll.h>
 #include <signal.h>
+#include <stddef.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -87,6 +92,19 @@ inline bool Ends(pid_t pid)
 	return ends;
 }
 
+/// Makes a system call fail with an errno, for the calling process and for good.
+inline bool Forbid(long number, int error)
+{
+	sock_filter program[] = {
+		BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
+		BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned>(number), 0, 1),
+		BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<unsigned>(error)),
+		BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
+	};
+	const sock_fprog filter = {sizeof(program) / sizeof(program[0]), program};
+	return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
+}
+
 /// Where the test program is the init of its namespace, it adopts what others leave behind.
 class ProcessTest : public testing::Test {
 protected:
@@ -118,6 +136,13 @@ public:
 	{
 		siginfo_t info;
 		return kill(pid, SIGKILL) == 0 && waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT) == 0;
+	}
+	/// Waits for its end, and leaves the zombie.
+	bool HasEndedBy(int signal) const
+	{
+		siginfo_t info;
+		return waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT) == 0 &&
+		       info.si_code == CLD_KILLED && info.si_status == signal;
 	}
 	void Kill()
 	{

@@ -10,19 +10,17 @@
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <ctime>
+#include <functional>
 #include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <fcntl.h>
-#include <linux/filter.h>
-#include <linux/seccomp.h>
 #include <sched.h>
 #include <signal.h>
-#include <stddef.h>
 #include <sys/mount.h>
-#include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -32,6 +30,20 @@
 #include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
+
+namespace {
+
+std::atomic<int> clockAdvance = 0; // by how many seconds the clock goes on whenever it is read
+
+} // namespace
+
+extern "C" int clock_gettime(clockid_t id, timespec *now) noexcept
+{
+	static std::atomic<int> ahead = 0;
+	const int result = static_cast<int>(syscall(SYS_clock_gettime, id, now));
+	now->tv_sec += ahead += clockAdvance;
+	return result;
+}
 
 namespace {
 
@@ -159,6 +171,18 @@ TEST_F(ForkChild, HasDefaultDispositionsAndNoBlockedSignals)
 	          0);
 }
 
+TEST_F(ForkChild, HasTheRootAsItsWorkingDirectory)
+{
+	const auto before = std::filesystem::current_path();
+	EXPECT_EQ(StatusOfChild([&] {
+			  std::filesystem::current_path(dir.Path());
+			  return Said([] { return std::filesystem::current_path().string(); }) == "/" &&
+		                 std::filesystem::current_path() == dir.Path();
+		  }),
+	          0);
+	EXPECT_EQ(std::filesystem::current_path(), before);
+}
+
 TEST_F(ForkChild, IsACopyOfTheCallingThread)
 {
 	const std::string text = "text on the stack";
@@ -239,13 +263,139 @@ TEST_F(ForkChild, FailsWhenThereCanBeNoMoreProcesses)
 
 TEST_F(ForkChild, FailsWhenThereCanBeNoMoreDescriptors)
 {
+	for (const rlim_t descriptors :
+	     {0, 3}) // with three, the caller has its two, but the one for the report is too high
+		EXPECT_EQ(StatusOfChild([&] {
+				  for (int fd : {0, 1, 2})
+					  close(fd);
+				  const rlimit limit = {descriptors, descriptors};
+				  setrlimit(RLIMIT_NOFILE, &limit);
+				  const pid_t pid = VUNKCProcForkChildNoWait();
+				  if (pid == 0)
+					  _exit(1);
+				  return pid == -1 && errno == (descriptors == 0 ? EMFILE : EBADF) &&
+			                 VUNKCErrGet() == VUNKC_ERR_FORK;
+			  }),
+		          0)
+			<< descriptors;
+}
+
+TEST_F(ForkChild, CannotBeCancelled)
+{
+	EXPECT_EQ(Said([] {
+			  pthread_cancel(pthread_self());
+			  pthread_testcancel();
+			  int before;
+			  pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, &before);
+			  return std::string("goes on");
+		  }),
+	          "goes on");
+}
+
+TEST_F(ForkChild, IsMadeByAThreadThatIsAboutToBeCancelled)
+{
+	for (const int type : {PTHREAD_CANCEL_DEFERRED, PTHREAD_CANCEL_ASYNCHRONOUS})
+		EXPECT_EQ(StatusOfChild([&] {
+				  const auto before = kit::OpenDescriptors();
+				  int stateAfter = -1;
+				  std::thread([&] {
+					  int unused;
+					  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &unused);
+					  pthread_setcanceltype(type, &unused);
+					  pthread_cancel(pthread_self());
+					  if (type == PTHREAD_CANCEL_DEFERRED) // the other one would end it at once
+						  pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &unused);
+					  child = VUNKCProcForkChildNoWait();
+					  if (child == 0)
+						  _exit(Meeting::Say(meeting.Path(), "lives") ? 0 : 1);
+					  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &stateAfter);
+				  }).join();
+				  return child > 0 && meeting.Line() == "lives" && kit::OpenDescriptors() == before &&
+			                 stateAfter == (type == PTHREAD_CANCEL_DEFERRED ? PTHREAD_CANCEL_ENABLE
+			                                                                : PTHREAD_CANCEL_DISABLE);
+			  }),
+		          0)
+			<< type;
+}
+
+/// Keeps the lock of the time zone closed by a thread that waits for a time zone file, which is a pipe without a writer.
+/// For good: a process of its own does this.
+class TimeZoneLock {
+public:
+	explicit TimeZoneLock(const std::string &path) : pipe(path)
+	{
+		if (mkfifo(path.c_str(), 0600) != 0 || setenv("TZ", (":" + path).c_str(), 1) != 0)
+			abort();
+		std::atomic<pid_t> holder = 0;
+		std::thread([&holder] {
+			holder = gettid();
+			tzset();
+		}).detach();
+		while (holder == 0)
+			std::this_thread::yield();
+		const std::string stat = "/proc/self/task/" + std::to_string(holder) + "/stat";
+		while (kit::ReadFile(stat).find(") S ") == std::string::npos) // it sleeps nowhere but at the pipe
+			std::this_thread::yield();
+	}
+
+	/// As soon as the pipe has had a writer, the thread goes on.
+	void Open() const { close(open(pipe.c_str(), O_WRONLY)); }
+
+private:
+	const std::string pipe;
+};
+
+int forks = 0;
+std::function<void()> *atFork = nullptr;
+
+/// Counts the forks of the calling process from now on, and calls the function after each of them.
+void CountForks(std::function<void()> &function)
+{
+	atFork = &function;
+	pthread_atfork(
+		nullptr,
+		[] {
+			++forks;
+			(*atFork)();
+		},
+		nullptr);
+}
+
+TEST_F(ForkChild, IsTriedForAgainWhileAnotherThreadHoldsALock)
+{
 	EXPECT_EQ(StatusOfChild([&] {
-			  const rlimit limit = {0, 0};
-			  setrlimit(RLIMIT_NOFILE, &limit);
+			  const TimeZoneLock lock(dir.Path("zone"));
+			  std::function<void()> openAtThird = [&] {
+				  if (forks == 3)
+					  lock.Open();
+			  };
+			  CountForks(openAtThird);
+			  const std::string said = Said([] {
+				  const time_t now = 0;
+				  tm local;
+				  return localtime_r(&now, &local) != nullptr ? std::string("told the time")
+			                                                      : "did not";
+			  });
+			  return said == "told the time" && forks >= 3 && waitpid(-1, nullptr, __WALL) == -1 &&
+		                 errno == ECHILD;
+		  }),
+	          0);
+}
+
+TEST_F(ForkChild, IsGivenUpAfterSomeTimeAndSeveralAttempts)
+{
+	EXPECT_EQ(StatusOfChild([&] {
+			  const TimeZoneLock lock(dir.Path("zone"));
+			  std::function<void()> nothing = [] {};
+			  CountForks(nothing);
+			  clockAdvance = 6; // so that ten seconds pass at once
+			  const auto before = kit::OpenDescriptors();
 			  const pid_t pid = VUNKCProcForkChildNoWait();
 			  if (pid == 0)
 				  _exit(1);
-			  return pid == -1 && errno == EMFILE && VUNKCErrGet() == VUNKC_ERR_FORK;
+			  return pid == -1 && errno == EDEADLK && VUNKCErrGet() == VUNKC_ERR_FORK && forks > 3 &&
+		                 forks < 100 && kit::OpenDescriptors() == before &&
+		                 waitpid(-1, nullptr, __WALL) == -1 && errno == ECHILD;
 		  }),
 	          0);
 }
@@ -253,17 +403,17 @@ TEST_F(ForkChild, FailsWhenThereCanBeNoMoreDescriptors)
 TEST_F(ForkChild, LogsEvenWhenItsHostWasLoggingAtThatMoment)
 {
 	EXPECT_EQ(StatusOfChild([&] {
-			  std::atomic<bool> logging = false;
+			  std::atomic<int> logging = 0;
 			  for (int i = 0; i < 2; ++i)
 				  std::thread([&] {
-					  for (;;) {
+					  syslog(LOG_DEBUG, "a line of a host");
+					  for (++logging;;) {
 						  syslog(LOG_DEBUG, "a line of a host");
-						  logging = true;
 						  std::this_thread::sleep_for(std::chrono::microseconds(
 							  200)); // busy, but not with logging alone
 					  }
 				  }).detach();
-			  while (!logging)
+			  while (logging < 2)
 				  std::this_thread::yield();
 			  for (int i = 0; i < 60; ++i)
 				  if (Said([] {
@@ -317,27 +467,14 @@ TEST_F(ForkChild, OpensItsSyslogConnectionAfresh)
 	          0);
 }
 
-/// Makes a system call fail with ENOSYS, for the calling process and for good.
-bool Forbid(long number)
-{
-	sock_filter program[] = {
-		BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-		BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned>(number), 0, 1),
-		BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | ENOSYS),
-		BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
-	};
-	const sock_fprog filter = {sizeof(program) / sizeof(program[0]), program};
-	return prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) == 0 && prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter) == 0;
-}
-
 class Alive : public ProcessTest, public testing::WithParamInterface<bool> {
 protected:
 	/// Asks in a process that has pidfd_open() or has it not.
 	static int Asked(pid_t pid)
 	{
 		const int status = StatusOfChild([&] {
-			if (!GetParam() &&
-			    !(Forbid(SYS_pidfd_open) && syscall(SYS_pidfd_open, getpid(), 0) < 0 && errno == ENOSYS))
+			if (!GetParam() && !(Forbid(SYS_pidfd_open, ENOSYS) &&
+			                     syscall(SYS_pidfd_open, getpid(), 0) < 0 && errno == ENOSYS))
 				_exit(99);
 			_exit(VUNKCProcAlive(pid) + 10);
 			return true;

@@ -189,6 +189,18 @@ TEST_F(DeviceMapper, AnswersThatLackADeviceAreNotUnderstood)
 	}
 }
 
+TEST_F(DeviceMapper, AnswersMayHaveBlanksOfAnyKind)
+{
+	for (const Target &target : std::vector<Target>{{"cache", "  8:0\t8:16  8:32 "},
+	                                                {"cache", "8:0\v8:16\f8:32\r128\n"},
+	                                                {"writecache", " \t p 8:32\r\n8:16 4096"}}) {
+		machine.deviceMapper.answer = [&](dm_ioctl *request) { Fill(request, {target}); };
+		EXPECT_EQ(DisksUnder("/volume1"),
+		          target.type == "cache" ? (Strings{"/dev/sdc"}) : (Strings{"/dev/sda", "/dev/sdc"}))
+			<< target.parameters;
+	}
+}
+
 TEST_F(DeviceMapper, AnswersThatContradictThemselvesAreNotUnderstood)
 {
 	using Answer = std::function<void(dm_ioctl *)>;

@@ -7,13 +7,14 @@
 #include <zevostorage/notify.h>
 
 #include <cerrno>
-#include <cstdint>
-#include <cstring>
 #include <filesystem>
 #include <memory>
 
+#include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 using namespace answers;
@@ -23,6 +24,7 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr char kSocket[] = "/run/systemd/journal/socket";
+constexpr sockaddr_un kAddress = {AF_UNIX, "/run/systemd/journal/socket"};
 const std::string kSpaceFull =
 	"The pinned Btrfs metadata takes 95 % (12 GiB) of SSD cache 1. Enlarge the cache, or lower "
 	"btrfs_metadata_cache_space_usage_limit.";
@@ -34,10 +36,7 @@ public:
 	{
 		fs::create_directories(fs::path(kSocket).parent_path());
 		fs::remove(kSocket);
-		sockaddr_un address = {};
-		address.sun_family = AF_UNIX;
-		strcpy(address.sun_path, kSocket);
-		EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr *>(&address), sizeof(address)), 0);
+		EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr *>(&kAddress), sizeof(kAddress)), 0);
 	}
 	~Listener() { StopListening(); }
 	Listener(const Listener &) = delete;
@@ -51,29 +50,49 @@ public:
 		fd = -1;
 	}
 
-	/// The fields of the next entry, "NAME=value", but for the program's name; none when there is none.
+	/// The next datagram; "" when there is none.
+	std::string Datagram() const
+	{
+		std::string bytes(1 << 16, '\0');
+		const ssize_t size = recv(fd, bytes.data(), bytes.size(), 0);
+		bytes.resize(size < 0 ? 0 : static_cast<size_t>(size));
+		return bytes;
+	}
+
+	/// The fields of the next entry, "NAME=value", but for this program's name; none when there is none. Every value must
+	/// have its length in front.
 	Strings Next() const
 	{
-		std::string entry(1 << 16, '\0');
-		const ssize_t size = recv(fd, entry.data(), entry.size(), 0);
-		if (size < 0)
-			return {};
-		entry.resize(static_cast<size_t>(size));
+		const std::string entry = Datagram();
 		Strings fields;
 		for (size_t at = 0; at < entry.size();) {
-			const size_t end = entry.find('\n', at);
-			std::string field = entry.substr(at, end - at);
-			at = end + 1;
-			if (field.find('=') == std::string::npos) { // with its length in front
-				uint64_t length = 0;
-				memcpy(&length, entry.data() + at, sizeof(length));
-				field += "=" + entry.substr(at + sizeof(length), length);
-				at += sizeof(length) + length + 1;
-			}
-			if (!field.starts_with("SYSLOG_IDENTIFIER="))
-				fields.push_back(field);
+			const size_t value = entry.find('\n', at) + 1 + 8;
+			if (value < 9 || value > entry.size())
+				return {"a field is cut off"};
+			size_t length = 0;
+			for (size_t i = value; i-- > value - 8;)
+				length = length << 8 | static_cast<unsigned char>(entry[i]);
+			if (length >= entry.size() - value || entry[value + length] != '\n')
+				return {"a value does not end where it should"};
+			fields.push_back(entry.substr(at, value - 9 - at) + "=" + entry.substr(value, length));
+			at = value + length + 1;
 		}
+		std::erase(fields, std::string("SYSLOG_IDENTIFIER=") + program_invocation_short_name);
 		return fields;
+	}
+
+	/// Sends datagrams of others until it takes no more.
+	void Fill() const
+	{
+		for (bool taken = true; taken;) {
+			const int other = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+			taken = false; // one socket alone could have used up its own buffer before
+			while (sendto(other, "x", 1, 0, reinterpret_cast<const sockaddr *>(&kAddress),
+			              sizeof(kAddress)) == 1)
+				taken = true;
+			EXPECT_EQ(errno, EAGAIN);
+			close(other);
+		}
 	}
 
 private:
@@ -106,10 +125,8 @@ void Notify(const char *tag, const VUNKSZHASH *hash)
 	EXPECT_EQ(VUNKCErrGet(), kOldCode);
 }
 
-/// Nothing of the process's is left but the socket that sd-journal keeps; so no LabTest, which compares descriptors.
-class Notifications : public testing::Test {
+class Notifications : public kit::LabTest {
 protected:
-	Notifications() { kit::FreshMachine(); }
 	~Notifications() { fs::remove_all("/run/systemd/journal"); }
 };
 
@@ -125,6 +142,22 @@ TEST_F(Notifications, AreEntriesOfTheJournal)
 	                   "ZEVO_SSD_ID=1", "ZEVO_USAGE=95", "ZEVO_USED_SIZE=12"}));
 	EXPECT_EQ(journal.Next(), Strings());
 	EXPECT_EQ(syslog.Lines(), Strings());
+}
+
+TEST_F(Notifications, AreExactlyTheBytesThatTheJournalTakes)
+{
+	using namespace std::string_literals;
+	const Listener journal;
+	Notify("Tag\n", HashOf({{"a", "b\nc"}}).get());
+	const std::string program = program_invocation_short_name;
+	EXPECT_EQ(journal.Datagram(), "MESSAGE\n\x0B\0\0\0\0\0\0\0Tag?: a=b?c\n"
+	                              "PRIORITY\n\x01\0\0\0\0\0\0\0"
+	                              "4\n"
+	                              "SYSLOG_IDENTIFIER\n"s +
+	                                      static_cast<char>(program.size()) + "\0\0\0\0\0\0\0"s + program +
+	                                      "\nZEVO_EVENT\n\x04\0\0\0\0\0\0\0Tag\n\n"
+	                                      "ZEVO_A\n\x03\0\0\0\0\0\0\0"
+	                                      "b\nc\n"s);
 }
 
 TEST_F(Notifications, AreLinesOfSyslogWithoutAJournal)
@@ -237,14 +270,63 @@ TEST_F(Notifications, CanBeLong)
 	          (Strings{"MESSAGE=Long: A=" + value, "PRIORITY=4", "ZEVO_EVENT=Long", "ZEVO_A=" + value}));
 }
 
-TEST_F(Notifications, LeaveNoMoreThanOneDescriptorOpen)
+TEST_F(Notifications, AreLinesOfSyslogWhenTheJournalTakesNoMore)
+{
+	const kit::Journal syslog;
+	const Listener journal;
+	journal.Fill();
+	Notify("Full", nullptr);
+	EXPECT_EQ(syslog.Lines(), (Strings{"<4>Full"}));
+	for (std::string taken = journal.Datagram(); !taken.empty(); taken = journal.Datagram())
+		EXPECT_EQ(taken, "x");
+	Notify("Empty", nullptr);
+	EXPECT_EQ(journal.Next(), (Strings{"MESSAGE=Empty", "PRIORITY=4", "ZEVO_EVENT=Empty"}));
+	EXPECT_EQ(syslog.Lines(), (Strings{"<4>Full"}));
+}
+
+TEST_F(Notifications, AreLinesOfSyslogWhenTheyAreTooLongForADatagram)
+{
+	const kit::Journal syslog;
+	const Listener journal;
+	const std::string value(1 << 20, 'v'); // the kernel's limit is a fifth of that
+	Notify("Long", HashOf({{"A", value}}).get());
+	EXPECT_EQ(journal.Next(), Strings());
+	EXPECT_EQ(syslog.Raw(), (Strings{"Long: A=" + value}));
+}
+
+TEST_F(Notifications, AreLinesOfSyslogWithoutAFreeDescriptor)
+{
+	const kit::Journal syslog;
+	const Listener journal;
+	rlimit limit;
+	ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+	const rlimit none = {0, limit.rlim_max};
+	ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+	Notify("None", nullptr);
+	ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+	EXPECT_EQ(journal.Next(), Strings());
+	EXPECT_EQ(syslog.Lines(), (Strings{"<4>None"}));
+}
+
+TEST_F(Notifications, GoToTheJournalFromAChildThatHasClosedAllDescriptors)
 {
 	const Listener journal;
-	Notify("First", nullptr);
-	const std::set<int> before = kit::OpenDescriptors();
-	for (int i = 0; i < 5; ++i)
-		Notify("Next", SpaceFull().get());
-	EXPECT_EQ(kit::OpenDescriptors(), before);
+	Notify("Parent", nullptr);
+	EXPECT_NE(journal.Next(), Strings());
+	const kit::TempDir dir;
+	const std::string path = dir.Path("file");
+	const pid_t child = fork();
+	if (child == 0) {
+		closefrom(3);
+		for (int i = 0; i < 100; ++i) // on every number that the parent's socket could have had
+			open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+		_exit(ZEVOSysNotifySendNotifiction("Child", nullptr) == 0 ? 0 : 1);
+	}
+	int status = -1;
+	ASSERT_EQ(waitpid(child, &status, 0), child);
+	EXPECT_EQ(status, 0);
+	EXPECT_EQ(journal.Next(), (Strings{"MESSAGE=Child", "PRIORITY=4", "ZEVO_EVENT=Child"}));
+	EXPECT_EQ(kit::ReadFile(path), "");
 }
 
 TEST_F(Notifications, RefuseArgumentsThatAreNullOrOutOfRange)
