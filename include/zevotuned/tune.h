@@ -60,7 +60,8 @@ ZEVOTUNED_API int ZEVOGetCurrentProfile(char *szBuf, size_t cbBuf);
 ZEVOTUNED_API int ZEVORunCurrentProfile(void);
 
 /**
- * Appends the names of all installed profiles to a list, by ascending "index". Names that occur twice are there twice.
+ * Appends the names of all installed profiles to a list, by ascending "index". Names that occur twice are there twice. A
+ * name for which the list finds no memory is left out, and the result is 0 all the same.
  *
  * @param ppslList  address of a list from VUNKCSzListAlloc. The call may move the list; it stays the caller's, and what
  *                  it held stays in it.

@@ -30,6 +30,10 @@
  * | 0xC00  | a file or directory could not be made                                      |
  * | 0xC000 | a path that must be a regular file is something else                       |
  * | 0xA000 | a path that must be a directory is something else                          |
+ * | 0x900  | an engine's lock file could not be opened or locked                        |
+ * | 0x6400 | another engine works on the volume; the call has succeeded                 |
+ * | 0x9700 | a child process could not be made                                          |
+ * | 0xC200 | the volume has no settings of its own yet                                  |
  * | 0xD900 | the path does not lie on a Btrfs file system                               |
  */
 

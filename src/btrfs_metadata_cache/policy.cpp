@@ -8,6 +8,7 @@
 #include <zevostorage/flash_cache.h>
 #include <zevostorage/volume_conf.h>
 #include <zevotuned/config.h>
+#include <zevotuned/metadata_cache.h>
 
 #include <cerrno>
 #include <climits>
@@ -40,7 +41,7 @@ const ZEVOSPACEINFO *FindSpace(const SpaceList &spaces, std::string_view path)
 	return space;
 }
 
-int CannotPin(MetadataCacheContext &ctx, int *piResult, MetadataCacheReason reason)
+int CannotPin(MetadataCacheContext &ctx, int *piResult, int reason)
 {
 	if (piResult != nullptr)
 		*piResult = reason;
@@ -57,20 +58,20 @@ int ReasonOfMode(int iMode)
 	case ZEVO_FLASH_CACHE_MODE_READ_ONLY:
 		return 0;
 	case ZEVO_FLASH_CACHE_MODE_REMOVED:
-		return kReasonNoCache;
+		return ZEVO_METADATA_CACHE_NO_SSD_CACHE;
 	case ZEVO_FLASH_CACHE_MODE_ASSEMBLING:
 	case ZEVO_FLASH_CACHE_MODE_FAULTY:
-		return kReasonCacheNotReady;
+		return ZEVO_METADATA_CACHE_NOT_READY;
 	default:
-		return kReasonCacheModeUnknown;
+		return ZEVO_METADATA_CACHE_MODE_UNKNOWN;
 	}
 }
 
 int ReasonOfFlags(unsigned int uFlags)
 {
 	if ((uFlags & ZEVO_FLASH_CACHE_SUPPORT_PIN) == 0)
-		return kReasonCacheCannotPin;
-	return (uFlags & ZEVO_FLASH_CACHE_SUPPORT_PIN_RANGE) == 0 ? kReasonCacheCannotPinRanges : 0;
+		return ZEVO_METADATA_CACHE_CANNOT_PIN;
+	return (uFlags & ZEVO_FLASH_CACHE_SUPPORT_PIN_RANGE) == 0 ? ZEVO_METADATA_CACHE_CANNOT_PIN_RANGES : 0;
 }
 
 // As scanf's "ssd_%d", which passes over blanks before the number and over all that follows it; but a number that is no
@@ -94,14 +95,14 @@ bool ParseSsdId(const char *szId, int &number)
 int CheckCache(MetadataCacheContext &ctx, const ZEVOFLASHCACHECONFIG *pCache, int *piResult)
 {
 	if (const int reason = ReasonOfMode(pCache->iMode); reason != 0)
-		return CannotPin(ctx, piResult, static_cast<MetadataCacheReason>(reason));
+		return CannotPin(ctx, piResult, reason);
 	unsigned int flags = 0;
 	if (ZEVOFlashCacheSupportFlagsGet(pCache, &flags) < 0) {
 		LOG_ERROR("Failed to get SSD cache support flag for %s", ctx.szVolPath);
 		return -1;
 	}
 	if (const int reason = ReasonOfFlags(flags); reason != 0)
-		return CannotPin(ctx, piResult, static_cast<MetadataCacheReason>(reason));
+		return CannotPin(ctx, piResult, reason);
 	int number = 0;
 	if (!ParseSsdId(pCache->szId, number)) {
 		LOG_ERROR_ONLY("Fail to parse SSD ID");
@@ -171,11 +172,11 @@ int BtrfsMetadataCacheSupportCheck(const char *szVolPath, MetadataCacheContext &
 		return -1;
 	}
 	if (isOn == 0) {
-		*piResult = kReasonSwitchedOff;
+		*piResult = ZEVO_METADATA_CACHE_SWITCHED_OFF;
 		return 0;
 	}
 	if (ZEVOGetFSType(szVolPath, 0) != ZEVO_FS_BTRFS) {
-		*piResult = kReasonNotBtrfs;
+		*piResult = ZEVO_METADATA_CACHE_NOT_BTRFS;
 		return 0;
 	}
 	return 1;
@@ -205,7 +206,7 @@ int BtrfsMetadataCacheCheckSSDCache(MetadataCacheContext &ctx, const char *szPat
 		return -1;
 	}
 	if (hasCache == 0)
-		return CannotPin(ctx, piResult, kReasonNoCache);
+		return CannotPin(ctx, piResult, ZEVO_METADATA_CACHE_NO_SSD_CACHE);
 	return CheckCache(ctx, cache.get(), piResult);
 }
 

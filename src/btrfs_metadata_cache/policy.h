@@ -3,16 +3,7 @@
 
 #include "btrfs_metadata_cache/context.h"
 
-// Why the cache cannot be had, for callers.
-enum MetadataCacheReason {
-	kReasonCacheModeUnknown = 1,
-	kReasonNoCache = 2,
-	kReasonCacheNotReady = 3,
-	kReasonCacheCannotPin = 4,
-	kReasonCacheCannotPinRanges = 5,
-	kReasonSwitchedOff = 6,
-	kReasonNotBtrfs = 7,
-};
+// The checks of a pass, and of those who ask whether one would pin. Reasons are those of <zevotuned/metadata_cache.h>.
 
 // The volume's own switch. 0, or -1: without a line of its own and with error 0xC200 when it has none.
 int BtrfsMetadataCacheVolumeConfGet(const char *szVolPath, uint8_t *pfOn);

@@ -8,6 +8,7 @@ inline constexpr int kErrNotRegularFile = 0xC000;
 inline constexpr int kErrNotDirectory = 0xA000;
 inline constexpr int kErrLockNotTaken = 0x900;
 inline constexpr int kErrEngineBusy = 0x6400;
+inline constexpr int kErrNotForked = 0x9700;
 
 // Sets one of them with the place where it is set.
 #define SET_ERROR(code) VUNKCErrSetEx(code, COMPONENT_FILE, __LINE__)

@@ -19,23 +19,29 @@
 #define ERROR_STACK_VALUES static_cast<unsigned>(VUNKCErrGet()), VUNKCErrorGetFile(), VUNKCErrorGetLine()
 
 // One line. Lines further up in the same chain may want to tell errno of the failure, which a log that cannot be reached changes.
-#define LOG_LINE(...)                             \
+#define LOG_LINE(priority, ...)                   \
 	do {                                      \
 		const int errorOfFailure = errno; \
-		syslog(LOG_ERR, __VA_ARGS__);     \
+		syslog(priority, __VA_ARGS__);    \
 		errno = errorOfFailure;           \
 	} while (false)
 
 // One line at priority error: "utils.cpp:120 <text>" and nothing after it.
-#define LOG_ERROR_ONLY(format, ...) LOG_LINE("%s:%d " format, COMPONENT_FILE, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
+#define LOG_ERROR_ONLY(format, ...) \
+	LOG_LINE(LOG_ERR, "%s:%d " format, COMPONENT_FILE, __LINE__ __VA_OPT__(, ) __VA_ARGS__)
 
 // The usual line: the text and the error stack.
 #define LOG_ERROR(format, ...) LOG_ERROR_ONLY(format ERROR_STACK_FORMAT, __VA_ARGS__ __VA_OPT__(, ) ERROR_STACK_VALUES)
 
+// The usual line, of what went well but is worth knowing.
+#define LOG_NOTABLE(format, ...)                                                                         \
+	LOG_LINE(LOG_WARNING, "%s:%d " format ERROR_STACK_FORMAT, COMPONENT_FILE, __LINE__, __VA_ARGS__, \
+	         ERROR_STACK_VALUES)
+
 // The line of the functions that name themselves as well: "utils.cpp:40 TuneParameterWrite:40 <text>" and the error stack.
 // The format holds both positions, as the line does.
-#define LOG_ERROR_OF_FUNCTION(format, ...)                                                             \
-	LOG_LINE(format ERROR_STACK_FORMAT, COMPONENT_FILE, __LINE__, __func__, __LINE__, __VA_ARGS__, \
+#define LOG_ERROR_OF_FUNCTION(format, ...)                                                                      \
+	LOG_LINE(LOG_ERR, format ERROR_STACK_FORMAT, COMPONENT_FILE, __LINE__, __func__, __LINE__, __VA_ARGS__, \
 	         ERROR_STACK_VALUES)
 
 #endif

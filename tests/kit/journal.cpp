@@ -2,14 +2,18 @@
 
 #include "kit/nth_call.h"
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <mutex>
+#include <new>
 #include <regex>
 #include <stdexcept>
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/syscall.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -23,7 +27,45 @@ struct Line {
 
 std::mutex mutex;
 bool capturing = false;
+pid_t owner = -1; // the process that captures; its children have a copy of it
 std::vector<Line> lines;
+
+/// In memory that children share: what they have logged, priority and text, one line after the other.
+struct OfChildren {
+	static constexpr size_t kLine = 4096;
+	static constexpr size_t kLines = 256;
+
+	struct Entry {
+		int priority;
+		char text[kLine];
+	};
+
+	std::atomic<size_t> count;
+	Entry entries[kLines];
+};
+
+// Past the C library's mmap(), which can fail when a test wants it to.
+OfChildren &Shared()
+{
+	static OfChildren *const shared = [] {
+		const long pages = syscall(SYS_mmap, nullptr, sizeof(OfChildren), PROT_READ | PROT_WRITE,
+		                           MAP_SHARED | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+		if (pages == -1)
+			abort();
+		return new (reinterpret_cast<void *>(pages)) OfChildren;
+	}();
+	return *shared;
+}
+
+void KeepForParent(int priority, const char *text)
+{
+	OfChildren &shared = Shared();
+	const size_t at = shared.count++;
+	if (at >= OfChildren::kLines)
+		return;
+	shared.entries[at].priority = priority;
+	snprintf(shared.entries[at].text, OfChildren::kLine, "%s", text);
+}
 
 void Keep(const std::string &text)
 {
@@ -50,6 +92,8 @@ __attribute__((format(printf, 2, 0))) void Capture(int priority, const char *for
 	const std::lock_guard lock(mutex);
 	if (capturing)
 		lines.push_back({priority, text});
+	if (capturing && getpid() != owner)
+		KeepForParent(priority, text);
 	Keep(text);
 	free(text);
 }
@@ -96,6 +140,8 @@ Journal::Journal()
 	if (capturing)
 		throw std::logic_error("one journal at a time");
 	capturing = true;
+	owner = getpid();
+	Shared().count = 0;
 	lines.clear();
 }
 
@@ -129,6 +175,17 @@ void Journal::Clear()
 {
 	const std::lock_guard lock(mutex);
 	lines.clear();
+}
+
+void CollectLinesOfChildren()
+{
+	const std::lock_guard lock(mutex);
+	OfChildren &shared = Shared();
+	const size_t count = shared.count.exchange(0);
+	if (count > OfChildren::kLines)
+		throw std::logic_error("children have logged more than the kit keeps");
+	for (size_t i = 0; i < count; ++i)
+		lines.push_back({shared.entries[i].priority, shared.entries[i].text});
 }
 
 } // namespace kit

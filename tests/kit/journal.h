@@ -30,6 +30,10 @@ public:
 	void Clear();
 };
 
+/// Adds to the journal what children have logged since it began, or since this was last called, which otherwise they alone
+/// know of. They must have ended.
+void CollectLinesOfChildren();
+
 } // namespace kit
 
 #endif

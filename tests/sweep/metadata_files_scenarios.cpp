@@ -17,6 +17,7 @@
 #include <vunkcore/error.h>
 #include <zevostorage/flash_cache.h>
 #include <zevostorage/volume_conf.h>
+#include <zevotuned/metadata_cache.h>
 
 #include <gtest/gtest.h>
 
@@ -97,7 +98,7 @@ int CheckSupport()
 {
 	int reason = 0;
 	const int result = BtrfsMetadataCacheSupportCheck(kVolume, context, &reason);
-	EXPECT_EQ(reason, result == 0 ? kReasonNotBtrfs : 0);
+	EXPECT_EQ(reason, result == 0 ? ZEVO_METADATA_CACHE_NOT_BTRFS : 0);
 	return result;
 }
 
@@ -105,7 +106,7 @@ int CheckCache()
 {
 	int reason = 0;
 	const int result = BtrfsMetadataCacheCheckSSDCache(context, kVolume, &reason);
-	EXPECT_EQ(reason, result == 0 ? kReasonNoCache : 0);
+	EXPECT_EQ(reason, result == 0 ? ZEVO_METADATA_CACHE_NO_SSD_CACHE : 0);
 	// The volume is not listed when its file system cannot be told; no call has failed then, so that there is no code.
 	return result < 0 && VUNKCErrGet() == 0 ? kNotListed : result;
 }

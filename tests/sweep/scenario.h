@@ -35,5 +35,6 @@ std::vector<Scenario> MetadataFilesScenarios();
 std::vector<Scenario> FlashCacheScenarios();
 std::vector<Scenario> DiscoveryScenarios();
 std::vector<Scenario> PinScenarios();
+std::vector<Scenario> CacheApiScenarios();
 
 #endif

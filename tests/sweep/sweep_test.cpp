@@ -201,5 +201,7 @@ INSTANTIATE_TEST_SUITE_P(Discovery, Sweep, testing::ValuesIn(DiscoveryScenarios(
                          [](const auto &scenario) { return scenario.param.name; });
 INSTANTIATE_TEST_SUITE_P(Pin, Sweep, testing::ValuesIn(PinScenarios()),
                          [](const auto &scenario) { return scenario.param.name; });
+INSTANTIATE_TEST_SUITE_P(CacheApi, Sweep, testing::ValuesIn(CacheApiScenarios()),
+                         [](const auto &scenario) { return scenario.param.name; });
 
 } // namespace
