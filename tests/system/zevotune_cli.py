@@ -9,190 +9,25 @@ import fcntl
 import glob
 import json
 import os
-import re
 import shutil
-import stat
 import struct
-import subprocess
 import sys
 import tempfile
 import termios
-import time
-import unittest
 
-MARKER = "/run/zevotuned-lab"
-SHIPPED = "/usr/zevo/share/zevotuned/profiles"
-LOCAL = "/usr/local/share/zevotuned/profiles"
-SHIPPED_GLOBAL = "/usr/zevo/share/zevotuned/global"
-LOCAL_GLOBAL = "/usr/local/share/zevotuned/global"
-CONFIG_DIR = "/usr/zevo/etc/zevotuned"
-CONFIG = CONFIG_DIR + "/config"
-LOCK_DIR = "/run/lock/zevotuned"
-LOCK = LOCK_DIR + "/config.lock"
-PARAMETERS = "/proc/sys/vm"
-FOLDERS = ["/usr/zevo", "/usr/local/share", "/run/lock"]
+sys.dont_write_bytecode = True  # this folder need not be writable
+from zevotune_machine import (  # pylint: disable=wrong-import-position
+    CONFIG, CONFIG_DIR, DEFAULTS, LATENCY, LOCAL, LOCAL_GLOBAL, LOCK, LOCK_DIR, PARAMETERS, SHIPPED, SHIPPED_GLOBAL,
+    THROUGHPUT, Machine, Volumes, main, parameter, profile, program, read, tree, write)
 
-THROUGHPUT = SHIPPED + "/10-throughput"
-LATENCY = SHIPPED + "/20-latency"
 KNOWN_KEYS = ("profile, lock, btrfs_metadata_cache_on, btrfs_metadata_cache_space_usage_limit, "
               "btrfs_metadata_cache_read_throttle_wait_mult")
-DEFAULTS = {
-    "profile": "performance_throughput",
-    "lock": "false",
-    "btrfs_metadata_cache_on": "true",
-    "btrfs_metadata_cache_space_usage_limit": "100",
-    "btrfs_metadata_cache_read_throttle_wait_mult": "0",
-}
 COMMANDS = [["list"], ["current"], ["set"], ["apply"], ["devices"], ["metadata"], ["config"], ["config", "get"],
-            ["config", "set"], ["config", "list"]]
+            ["config", "set"], ["config", "list"], ["cache"], ["cache", "on"], ["cache", "off"], ["cache", "rescan"],
+            ["cache", "status"], ["cache", "stop"], ["cache", "check"]]
 SEE_LOG = " (the whole chain is in the system's log: journalctl -t zevotune)"
 
 
-def write(path, text):
-    os.makedirs(os.path.dirname(path), exist_ok=True)
-    with open(path, "wb") as file:
-        file.write(text if isinstance(text, bytes) else text.encode())
-    return path
-
-
-def read(path):
-    with open(path, "rb") as file:
-        return file.read()
-
-
-def runs(command):
-    """Whether a process of this command line runs."""
-    line = "\0".join(command).encode() + b"\0"
-    for pid in filter(str.isdigit, os.listdir("/proc")):
-        try:
-            with open(f"/proc/{pid}/cmdline", "rb") as file:
-                if file.read() == line:
-                    return True
-        except OSError:
-            pass  # it has ended
-    return False
-
-
-def parameter(name):
-    return read(f"{PARAMETERS}/{name}").decode().strip()
-
-
-def profile(path, name, main="", sysctl=""):
-    return write(path, f"[main]\nname = {name}\n{main}[sysctl]\n{sysctl}")
-
-
-def tree():
-    """Everything that the tool may write to: names, modes, owners and contents."""
-    entries = {}
-    for top in FOLDERS + [PARAMETERS]:
-        for folder, _, files in os.walk(top):
-            for path in [folder] + [os.path.join(folder, name) for name in files]:
-                status = os.lstat(path)
-                content = read(path) if stat.S_ISREG(status.st_mode) else None
-                entries[path] = (status.st_mode, status.st_uid, status.st_ino, content)
-    return entries
-
-
-class Machine(unittest.TestCase):
-    """Starts every test on a machine with two profiles, on which the tool has never run."""
-
-    maxDiff = None
-    tool = os.environ.get("ZEVOTUNE", "")
-
-    @classmethod
-    def setUpClass(cls):
-        cls.parameters = {name: read(f"{PARAMETERS}/{name}") for name in os.listdir(PARAMETERS)}
-        # Where everybody can run it; the folder that it was built in need not be open to others.
-        cls.public = tempfile.mkdtemp()
-        os.chmod(cls.public, 0o755)
-        shutil.copy(cls.tool, cls.public + "/zevotune")
-        libraries = subprocess.run(["ldd", cls.tool], check=True, capture_output=True, text=True).stdout
-        for path in re.findall(r"=> (\S*/lib(?:zevotuned|zevostorage|vunkcore)\.so\S*)", libraries):
-            shutil.copy(path, cls.public)
-        os.chmod(cls.public + "/zevotune", 0o755)
-
-    @classmethod
-    def tearDownClass(cls):
-        shutil.rmtree(cls.public)
-
-    def setUp(self):
-        os.umask(0o022)
-        for top in FOLDERS:
-            for entry in os.scandir(top):
-                if entry.is_dir(follow_symlinks=False):
-                    shutil.rmtree(entry.path)
-                else:
-                    os.remove(entry.path)
-        for name in os.listdir(PARAMETERS):
-            if name not in self.parameters:
-                os.remove(f"{PARAMETERS}/{name}")
-        for name, value in self.parameters.items():
-            write(f"{PARAMETERS}/{name}", value)
-        os.mkdir("/usr/zevo/etc")
-        profile(THROUGHPUT, "performance_throughput", "index = 0\nui = true\nprofile_title_i18n = title:throughput\n"
-                "profile_desc_i18n = desc:throughput\n", "vm.swappiness = 11\n")
-        profile(LATENCY, "performance_latency", "index = 1\n", "vm.swappiness = 22\n")
-
-    def command(self, arguments, user):
-        if user == "root":
-            return [self.tool] + arguments
-        return ["setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups", "env",
-                "LD_LIBRARY_PATH=" + self.public, self.public + "/zevotune"] + arguments
-
-    def run_tool(self, *arguments, user="root", **options):
-        options = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "timeout": 60} | options
-        result = subprocess.run(self.command(list(arguments), user), stdin=subprocess.DEVNULL, **options)
-        return result.returncode, *(None if text is None else text.decode("utf-8", "surrogateescape")
-                                    for text in (result.stdout, result.stderr))
-
-    def succeeds(self, *arguments, user="root", err=""):
-        """Returns what is printed."""
-        status, out, real_err = self.run_tool(*arguments, user=user)
-        self.assertEqual((real_err, status), (err, 0))
-        return out
-
-    def prints(self, out, *arguments, user="root"):
-        self.assertEqual(self.succeeds(*arguments, user=user), out)
-
-    def prints_json(self, value, *arguments, user="root"):
-        """In every place that --json may have, and as ASCII."""
-        texts = {self.succeeds(*arguments[:i], "--json", *arguments[i:], user=user) for i in range(len(arguments) + 1)}
-        self.assertEqual(len(texts), 1)
-        text = texts.pop()
-        self.assertTrue(text.isascii())
-        self.assertTrue(text.endswith("\n"))
-        self.assertEqual(json.loads(text), value)
-
-    def fails(self, line, *arguments, user="root", touching=False):
-        """With this one line on standard error, nothing on standard output, and nothing on the machine changed."""
-        before = tree()
-        status, out, err = self.run_tool(*arguments, user=user)
-        self.assertEqual((err, out, status), (f"zevotune: {line}\n", "", 1))
-        if not touching:
-            self.assertEqual(tree(), before)
-
-    def change_half_way(self, arguments, change):
-        """Makes a change while the tool applies a global profile. Returns what it printed and its exit status."""
-        os.mkfifo(PARAMETERS + "/pipe")
-        profile(SHIPPED_GLOBAL + "/g", "g", "", "vm.pipe = 1\n")
-        started = subprocess.Popen(self.command(arguments, "root"), stdin=subprocess.DEVNULL,
-                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-        self.addCleanup(started.kill)
-        # sysctl, which takes its argument apart in place, waits for somebody to read from the pipe, and the tool for sysctl.
-        deadline = time.monotonic() + 60
-        while not runs(["/sbin/sysctl", "-we", "vm.pipe", "1"]):
-            self.assertLess(time.monotonic(), deadline)
-            time.sleep(0.005)
-        change()
-        self.assertEqual(read(PARAMETERS + "/pipe"), b"1\n")
-        out, err = started.communicate(timeout=60)
-        return err, out, started.returncode
-
-    def configure(self, **pairs):
-        write(CONFIG, "".join(f"{key} = {value}\n" for key, value in (DEFAULTS | pairs).items()))
-
-    def make_lock(self):
-        write(LOCK, "")
 
 
 class Usage(Machine):
@@ -210,7 +45,7 @@ class Usage(Machine):
         text = self.succeeds("--help")
         self.assertEqual(self.succeeds("-h"), text)
         self.assertIn("Usage: zevotune [OPTIONS] SUBCOMMAND\n", text)
-        for name in ["list", "current", "set", "apply", "devices", "metadata", "config"]:
+        for name in ["list", "current", "set", "apply", "devices", "metadata", "cache", "config"]:
             self.assertRegex(text, rf"\n  {name} +\S")
         for part in [SHIPPED, LOCAL, SHIPPED_GLOBAL, LOCAL_GLOBAL, "journalctl -t zevotune", "--json", "--version"]:
             self.assertIn(part, text)
@@ -224,7 +59,7 @@ class Usage(Machine):
                 text = self.succeeds(*command, "--help")
                 self.assertIn("Usage: zevotune " + " ".join(command) + " [OPTIONS]", text)
                 self.assertIn("--json", text)
-                if command != ["config"]:
+                if command not in [["config"], ["cache"]]:
                     self.assertRegex(text, r"\n--json: \S")
                 for line in text.splitlines():
                     self.assertLessEqual(len(line), 80, line)
@@ -239,7 +74,8 @@ class Usage(Machine):
             self.assertIn(f"\n  {key} (default: {value})\n", text)
 
     def test_help_of_commands_that_take_root_says_so(self):
-        for command in [["set"], ["apply"], ["metadata"], ["config", "set"]]:
+        for command in [["set"], ["apply"], ["metadata"], ["config", "set"], ["cache", "on"], ["cache", "off"],
+                        ["cache", "rescan"], ["cache", "stop"], ["cache", "check"]]:
             self.assertIn("\nTakes root.\n", self.succeeds(*command, "--help"))
 
     def test_wrong_usage(self):
@@ -254,6 +90,14 @@ class Usage(Machine):
         self.wrong("KEY is required", "zevotune config get", "config", "get")
         self.wrong("VALUE is required", "zevotune config set", "config", "set", "lock")
         self.wrong("VOLUME is required", "zevotune metadata", "metadata", "--list")
+        self.wrong("A subcommand is required", "zevotune cache", "cache")
+        self.wrong("there is no command \"stat\"; did you mean \"status\"?", "zevotune cache", "cache", "stat")
+        for command in ["on", "off", "rescan", "status", "stop", "check"]:
+            self.wrong("VOLUME is required", f"zevotune cache {command}", "cache", command)
+        for command in ["on", "off", "rescan", "stop", "check"]:
+            self.wrong("there is no option \"--watch\"", f"zevotune cache {command}", "cache", command, "/", "--watch")
+        self.wrong("there is no option \"--no-wait\"", "zevotune cache status", "cache", "status", "--no-wait", "/")
+        self.wrong("The following argument was not expected: b", "zevotune cache on", "cache", "on", "a", "b")
         self.wrong("The following argument was not expected: b", "zevotune set", "set", "a", "b")
 
     def test_names_of_commands_are_names_of_profiles_too(self):
@@ -1170,82 +1014,10 @@ RAID arrays: none
         refused("cannot list the volumes: /proc/thread-self/mountinfo" + unreadable, user="nobody")
 
 
-def program(*words):
-    """Returns what it prints."""
-    result = subprocess.run(words, check=False, capture_output=True, text=True)
-    if result.returncode != 0:
-        raise RuntimeError(f"{words} ended with status {result.returncode}: {result.stderr}")
-    return result.stdout.strip()
-
-
-class Metadata(Machine):
+class Metadata(Volumes):
     """On Btrfs volumes of the real kernel."""
 
     SEE_VOLUMES = ' ("zevotune devices" lists the volumes)'
-    MIB = 1 << 20
-    GIB = 1 << 30
-
-    @classmethod
-    def setUpClass(cls):
-        try:
-            os.close(os.open("/dev/loop-control", os.O_RDWR))
-        except OSError as reason:
-            raise unittest.SkipTest(f"there are no loop devices here: {reason}")
-        super().setUpClass()
-        # The lab's /sys is an overlay, which takes a loop device that has gone and come back for a stale one.
-        program("mount", "--bind", "/run/lab/kernel-sys", "/sys")
-        cls.addClassCleanup(program, "umount", "/sys")
-
-    def setUp(self):
-        super().setUp()
-        self.locale = "C"
-        self.prefix = []
-        self.folder = tempfile.mkdtemp()
-        self.addCleanup(shutil.rmtree, self.folder)
-        os.chmod(self.folder, 0o755)
-
-    def command(self, arguments, user):
-        return self.prefix + super().command(arguments, user)
-
-    def run_tool(self, *arguments, **options):
-        return super().run_tool(*arguments, **{"env": os.environ | {"LC_ALL": self.locale}} | options)
-
-    def device(self, size):
-        """A loop device on a sparse file."""
-        image, path = tempfile.mkstemp(dir=self.folder)
-        os.truncate(image, size)
-        os.close(image)
-        device = program("losetup", "--find", "--show", path)
-        self.addCleanup(subprocess.run, ["losetup", "--detach", device], stderr=subprocess.DEVNULL, check=False)
-        return device
-
-    def mount(self, *words):
-        path = tempfile.mkdtemp(dir=self.folder)
-        os.chmod(path, 0o755)
-        program("mount", *words, path)
-        self.addCleanup(program, "umount", path)
-        return path
-
-    def volume(self, size, *options):
-        device = self.device(size)
-        program("mkfs.btrfs", "--quiet", "--nodiscard", *options, device)
-        return self.mount("--options", "metadata_ratio=1", device), device
-
-    def chunks(self, device):
-        """As Btrfs' own tool shows them."""
-        program("sync")
-        chunks = []
-        dump = program("btrfs", "inspect-internal", "dump-tree", "--tree", "chunk", device)
-        for item in re.split(r"\n\titem ", dump)[1:]:
-            key = re.search(r"CHUNK_ITEM (\d+)\)", item)
-            types = re.search(r" type (\S+)", item)
-            if key is None or not {"SYSTEM", "METADATA"} & set(types[1].split("|")):
-                continue
-            kind = "mixed" if "DATA" in types[1].split("|") else "system" if "SYSTEM" in types[1] else "metadata"
-            chunks.append({"logical_offset": int(key[1]), "size": int(re.search(r"length (\d+)", item)[1]),
-                           "type": kind, "profile": "DUP" if "DUP" in types[1] else "single",
-                           "device_offsets": [int(offset) for offset in re.findall(r"devid 1 offset (\d+)", item)]})
-        return chunks
 
     def shown(self, device, path, size, superblocks):
         chunks = self.chunks(device)
@@ -1253,11 +1025,11 @@ class Metadata(Machine):
         on_device = sum(chunk["size"] * len(chunk["device_offsets"]) for chunk in chunks)
         return {"path": path, "device": device, "device_size": size,
                 "uuid": program("blkid", "--probe", "--output", "value", "--match-tag", "UUID", device),
-                "chunks": chunks,
-                "superblocks": [{"copy": i + 1, "size": 4096, "device_offset": offset}
+                "chunks": [chunk | {"pinned": False} for chunk in chunks],
+                "superblocks": [{"copy": i + 1, "size": 4096, "device_offset": offset, "pinned": False}
                                 for i, offset in enumerate(superblocks)],
                 "totals": {"chunks": len(chunks), "logical_size": sum(chunk["size"] for chunk in chunks),
-                           "size_on_device": on_device, "counted_by_kernel": on_device}}
+                           "size_on_device": on_device, "counted_by_kernel": on_device, "pinned": 0}}
 
     def test_json_is_what_btrfs_itself_shows(self):
         for size, options, superblocks in [
@@ -1330,7 +1102,8 @@ class Metadata(Machine):
             program("sync", "--file-system", path)
         chunks = self.chunks(device)
         self.assertGreater(len(chunks), 6)
-        self.assertEqual(json.loads(self.succeeds("metadata", path, "--json"))["chunks"], chunks)
+        self.assertEqual(json.loads(self.succeeds("metadata", path, "--json"))["chunks"],
+                         [chunk | {"pinned": False} for chunk in chunks])
         text = self.succeeds("metadata", path)
         self.assertRegex(text, r"\nCHUNKS  OF SIZE  TYPE +PROFILE  ON THE DEVICE\n\d+ +\S+ [GM]iB +metadata  DUP ")
         self.assertIn("\n(--list shows each of them)\n", text)
@@ -1392,10 +1165,4 @@ class Metadata(Machine):
 
 
 if __name__ == "__main__":
-    if not os.path.exists(MARKER):
-        sys.exit(f"zevotune_cli: {MARKER} is missing: run this with tests/lab/enter, or it changes this machine")
-    if os.geteuid() != 0:
-        sys.exit("zevotune_cli: needs root inside of tests/lab/enter")
-    if not os.access(Machine.tool, os.X_OK):
-        sys.exit("zevotune_cli: the environment variable ZEVOTUNE has to hold the path of zevotune")
-    unittest.main()
+    main("zevotune_cli")

@@ -1,7 +1,7 @@
 #ifndef ZEVOTUNE_COMMANDS_H
 #define ZEVOTUNE_COMMANDS_H
 
-// The commands; help.cpp says for users what they do. All throw Failure.
+// The commands; help.cpp says for users what they do. All throw Failure, and CacheCheck AnswerIsNo.
 
 #include <string>
 
@@ -11,6 +11,13 @@ void Set(const std::string &name, bool json);
 void Apply(bool json);
 void Devices(bool json);
 void Metadata(const std::string &volume, bool list, bool json);
+
+void CacheOn(const std::string &volume, bool noWait, bool json);
+void CacheOff(const std::string &volume, bool noWait, bool json);
+void CacheRescan(const std::string &volume, bool noWait, bool json);
+void CacheStatus(const std::string &volume, bool watch, bool json);
+void CacheStop(const std::string &volume, bool json);
+void CacheCheck(const std::string &volume, bool json);
 
 void ConfigGet(const std::string &key, bool json);
 void ConfigSet(const std::string &key, const std::string &value, bool force, bool json);

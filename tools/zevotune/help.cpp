@@ -14,8 +14,8 @@ A profile is known by the "name" in its section [main], not by its file name.
 One file there that cannot be read as a profile stops all commands that look
 at profiles; the message names the file and the line.
 
-Everybody may list and read; "set", "apply", "config set" and "metadata" take
-root (sudo).
+Everybody may list and read; "set", "apply", "config set", "metadata" and
+"cache", but for "cache status", take root (sudo).
 
 Exit status: 0 done; 1 failed, with one line on standard error that says what
 failed, where, why, and what to do; 2 wrong usage. The system's log has the
@@ -118,7 +118,9 @@ const char *const kMetadata =
 	R"help(Shows where a mounted Btrfs volume has its metadata: the chunks of types
 metadata and system (also those that hold data besides), and the copies of the
 superblock. Space that is set aside for metadata counts, full or not; with
-profile DUP it lies on the device twice. Nothing is changed.
+profile DUP it lies on the device twice. Where some of it is pinned in an SSD
+cache ("zevotune cache --help"), it is said how much, and of what. Nothing is
+changed.
 
 A few chunks are listed; of many it is shown how many there are of each size,
 unless --list is given. SIZE is rounded, offsets are in bytes.
@@ -136,13 +138,119 @@ Takes root.
 --json: an object with
   path, uuid, device   strings
   device_size          bytes, as all sizes and offsets
-  superblocks          objects with copy (1, 2, 3), size, device_offset
+  superblocks          objects with copy (1, 2, 3), size, device_offset, pinned
   chunks               objects with logical_offset, size, profile ("single",
                        "DUP"), device_offsets (one or two), type ("system",
-                       "metadata", "mixed" with data; null: unknown)
+                       "metadata", "mixed" with data; null: unknown), pinned
+                       (true or false; null: unknown)
   totals               chunks (how many), logical_size, size_on_device (DUP
                        twice), counted_by_kernel: the same as size_on_device
-                       unless chunks have come or gone meanwhile)help";
+                       unless chunks have come or gone meanwhile; pinned: how
+                       many bytes on the device (null: unknown))help";
+
+const char *const kCache =
+	R"help(An SSD cache in front of a Btrfs volume can keep the volume's metadata for good:
+it is "pinned". Every volume has a switch for that, and an engine that brings
+what is pinned into line with it. At most one engine works on a volume; it goes
+on when the program that has started it is ended. What is pinned is recorded on
+the volume itself, so that a pass that has ended half-way is gone on with.)help";
+
+const char *const kCacheOn =
+	R"help(Switches a volume's cache on and pins its metadata: all metadata and system
+chunks and the copies of the superblock. Each is read once, which takes as long
+as reading all of it. Progress is shown: as a bar on a terminal, otherwise by a
+line every few seconds. Ctrl-C ends the display, and not the pass. When another
+engine works on the volume, it waits for that one and looks through the volume
+again.
+
+Refused before anything is changed where "zevotune cache check" says no.
+How much of the SSD cache is taken at most: "btrfs_metadata_cache_space_usage_
+limit" of "zevotune config".
+
+Takes root.
+
+Exit status: 0 all is pinned, or what the limit allows; 1 not; 128 and the
+signal's number when a signal has ended the display.
+
+--json: the object of "zevotune cache status", when the pass has ended; with
+--no-wait: {"path": PATH, "started": true, "switched_on": true or false})help";
+
+const char *const kCacheOff =
+	R"help(Switches a volume's cache off and unpins all that is recorded. Otherwise as
+"zevotune cache on".
+
+Where the kernel lacks the attribute metadata_cache_enable of the volume, it is
+refused as long as anything is recorded as pinned.
+
+Takes root.
+
+--json: as "zevotune cache on")help";
+
+const char *const kCacheRescan =
+	R"help(Looks through a volume again: with its switch on, pins chunks that are new and
+unpins what is gone; with its switch off, or where metadata cannot be pinned any
+more, unpins what is left. Goes on with a pass that has ended half-way.
+Otherwise as "zevotune cache on".
+
+Takes root.
+
+--json: as "zevotune cache on")help";
+
+const char *const kCacheStatus =
+	R"help(Shows what is pinned of a volume, its switch, the process of the engine that
+works on it, and how much of the SSD cache may be taken (to root only). How far
+a pass is may be five seconds old.
+
+With --watch a pass is followed until it has ended: as a bar on a terminal,
+otherwise by a line every few seconds. Then all is shown.
+
+Needs no root where the files are readable to everybody.
+
+--json: an object with
+  path, uuid, device           strings
+  state                        "nothing_pinned", "pinning", "pinned",
+                               "unpinning"; half-way and nobody at it:
+                               "pinning_stopped", "unpinning_stopped"
+  switched_on                  true or false; null: never set
+  engine_pid                   null when there is none
+  total, done                  bytes to be gone through and gone through while
+                               it is being pinned; otherwise null
+  pinned_size, pinned_ranges   bytes on the device that are recorded as pinned,
+                               or as about to be, and in how many ranges
+  limit                        bytes that may be pinned; null: unknown
+With --watch one such object a line whenever it changes, and one at the end.)help";
+
+const char *const kCacheStop =
+	R"help(Ends the process of the engine that works on a volume: asks it to end, six times
+in five seconds, and then kills it. The switch stays as it is, and so does what
+is recorded: "zevotune cache rescan" goes on from there, "zevotune cache off"
+unpins it. It is no failure when there is no engine.
+
+Takes root.
+
+--json: the object of "zevotune cache status", and
+  stopped_pid   the process that has ended, or null
+  killed        true: by force)help";
+
+const char *const kCacheCheck =
+	R"help(Says whether a volume's metadata can be pinned, and why not. Nothing is changed.
+A volume whose switch is on is always supported, so that it can be switched off.
+
+Takes root.
+
+Exit status: 0 it can, 1 it cannot.
+
+--json: an object with
+  path        string
+  supported   true or false, as the exit status
+  can_pin     whether it could be pinned now
+  reason      the library's number of why not, or null:
+              1 the SSD cache's mode is unknown    2 there is no SSD cache
+              3 it is not ready                    4 it cannot pin
+              5 it can pin no ranges               6 btrfs_metadata_cache_on
+              7 not a Btrfs volume                   is not "true"
+  why         in words, with what to do, or null
+  ssd_cache   its name, or null)help";
 
 const char *const kConfig =
 	R"help(The configuration is the file /usr/zevo/etc/zevotuned/config.

@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr int kFailed = 1;
+constexpr int kFailed = Failure::kExitStatus;
 constexpr int kWrongUsage = 2;
 
 /// What was asked for on the command line.
@@ -23,6 +23,8 @@ struct Request {
 	bool json = false;
 	bool force = false;
 	bool list = false;
+	bool noWait = false;
+	bool watch = false;
 	std::string name;
 	std::string volume;
 	std::string key;
@@ -68,6 +70,43 @@ void AddConfigCommands(CLI::App &tool, Request &request)
 	Run(list, request, [&request] { ConfigList(request.json); });
 }
 
+CLI::App &AddCacheCommand(CLI::App &cache, Request &request, const char *name, const char *summary, const char *manual)
+{
+	CLI::App &command = AddCommand(cache, request, name, summary, manual);
+	command.add_option("VOLUME", request.volume, "a path on the volume, or its device")->required();
+	return command;
+}
+
+void AddPass(CLI::App &cache, Request &request, const char *name, const char *summary, const char *manual,
+             void (*run)(const std::string &volume, bool noWait, bool json))
+{
+	CLI::App &command = AddCacheCommand(cache, request, name, summary, manual);
+	command.add_flag("--no-wait", request.noWait, "start the pass and do not wait for it");
+	Run(command, request, [&request, run] { run(request.volume, request.noWait, request.json); });
+}
+
+void AddCacheCommands(CLI::App &tool, Request &request)
+{
+	CLI::App &cache =
+		AddCommand(tool, request, "cache", "pin a Btrfs volume's metadata in its SSD cache", help::kCache);
+	cache.require_subcommand(1);
+	AddPass(cache, request, "on", "pin the metadata", help::kCacheOn, CacheOn);
+	AddPass(cache, request, "off", "unpin it", help::kCacheOff, CacheOff);
+	AddPass(cache, request, "rescan", "pin what is new and unpin what is gone", help::kCacheRescan, CacheRescan);
+
+	CLI::App &status = AddCacheCommand(cache, request, "status", "show what is pinned, and how far a pass is",
+	                                   help::kCacheStatus);
+	status.add_flag("--watch", request.watch, "follow a pass until it has ended");
+	Run(status, request, [&request] { CacheStatus(request.volume, request.watch, request.json); });
+
+	CLI::App &stop = AddCacheCommand(cache, request, "stop", "end a pass by force", help::kCacheStop);
+	Run(stop, request, [&request] { CacheStop(request.volume, request.json); });
+
+	CLI::App &check =
+		AddCacheCommand(cache, request, "check", "say whether the metadata can be pinned", help::kCacheCheck);
+	Run(check, request, [&request] { CacheCheck(request.volume, request.json); });
+}
+
 void AddCommands(CLI::App &tool, Request &request)
 {
 	tool.get_formatter()->label("REQUIRED", "");
@@ -101,6 +140,7 @@ void AddCommands(CLI::App &tool, Request &request)
 	metadata.add_flag("--list", request.list, "list every chunk");
 	Run(metadata, request, [&request] { Metadata(request.volume, request.list, request.json); });
 
+	AddCacheCommands(tool, request);
 	AddConfigCommands(tool, request);
 }
 
@@ -133,16 +173,20 @@ int RunCommand(const std::function<void()> &command)
 		command();
 		FlushOutput();
 		return 0;
+	} catch (const AnswerIsNo &) {
+		return kFailed;
 	} catch (const Failure &failure) {
 		Complain(failure.what());
+		return failure.exitStatus;
 	}
-	return kFailed;
 }
 
 int ParseAndRun(int argc, char **argv)
 {
 	Request request;
-	CLI::App tool("Selects and applies performance profiles of the storage stack.", "zevotune");
+	CLI::App tool("Selects and applies performance profiles of the storage stack, and pins metadata of\n"
+	              "Btrfs volumes in the SSD caches in front of them.",
+	              "zevotune");
 	AddCommands(tool, request);
 	try {
 		tool.parse(argc, argv);

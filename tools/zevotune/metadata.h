@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,8 @@ struct MetadataLayout {
 	std::vector<chunk_info> chunks;      // metadata and system chunks, by offset
 	std::map<uint64_t, uint64_t> types;  // BTRFS_BLOCK_GROUP_... of the chunks, by offset; none where it is unknown
 	uint64_t allocated = 0;              // what the kernel counts of these chunks, twice for DUP
+	// What is pinned and recorded so, by offset; nothing where that cannot be told.
+	std::optional<std::vector<chunk_info>> pinned{std::in_place};
 };
 
 /// @param volume  any path on a mounted Btrfs volume, or its device.

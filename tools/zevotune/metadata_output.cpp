@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <tuple>
 
@@ -82,6 +83,37 @@ std::string OffsetsText(const chunk_info &chunk)
 	return text;
 }
 
+bool IsPinned(const MetadataLayout &layout, const chunk_info &piece)
+{
+	if (!layout.pinned)
+		return false;
+	const auto [first, last] = std::equal_range(layout.pinned->begin(), layout.pinned->end(), piece, ChunkInfoSort);
+	return std::any_of(first, last, [&](const chunk_info &pinned) { return ChunkIsEqual(pinned, piece); });
+}
+
+std::vector<chunk_info> PinnedPieces(const MetadataLayout &layout)
+{
+	std::vector<chunk_info> pinned;
+	for (const std::vector<chunk_info> *pieces : {&layout.chunks, &layout.superblocks})
+		std::copy_if(pieces->begin(), pieces->end(), std::back_inserter(pinned),
+		             [&](const chunk_info &piece) { return IsPinned(layout, piece); });
+	return pinned;
+}
+
+std::string PinnedLine(const MetadataLayout &layout)
+{
+	if (!layout.pinned)
+		return "what of it is pinned in an SSD cache cannot be told; \"zevotune cache status\" says why\n";
+	const std::vector<chunk_info> pinned = PinnedPieces(layout);
+	if (pinned.empty())
+		return "";
+	uint64_t ranges = 0;
+	for (const chunk_info &piece : pinned)
+		ranges += StripesOf(piece);
+	return "pinned in the SSD cache: " + SizeText(SizeOnDevice(pinned)) + " in " +
+	       Count(ranges, "range", "ranges") + '\n';
+}
+
 /// What a chunk holds; "" if unknown.
 std::string TypeOf(const MetadataLayout &layout, const chunk_info &chunk)
 {
@@ -98,12 +130,21 @@ std::string TypeText(const std::string &type)
 	return type.empty() ? "unknown" : type;
 }
 
+/// Only where something is pinned does the list say of what.
 std::string ListText(const MetadataLayout &layout)
 {
-	Table table({"LOGICAL OFFSET", "SIZE", "TYPE", "PROFILE", "DEVICE OFFSETS"});
-	for (const chunk_info &chunk : layout.chunks)
-		table.Add({std::to_string(chunk.offset), SizeText(chunk.size), TypeText(TypeOf(layout, chunk)),
-		           ProfileOf(chunk), OffsetsText(chunk)});
+	const bool marksPinned = layout.pinned && !layout.pinned->empty();
+	std::vector<std::string> header = {"LOGICAL OFFSET", "SIZE", "TYPE", "PROFILE", "DEVICE OFFSETS"};
+	if (marksPinned)
+		header.insert(header.end() - 1, "PINNED");
+	Table table(header);
+	for (const chunk_info &chunk : layout.chunks) {
+		std::vector<std::string> row = {std::to_string(chunk.offset), SizeText(chunk.size),
+		                                TypeText(TypeOf(layout, chunk)), ProfileOf(chunk), OffsetsText(chunk)};
+		if (marksPinned)
+			row.insert(row.end() - 1, IsPinned(layout, chunk) ? "yes" : "no");
+		table.Add(row);
+	}
 	return table.Text();
 }
 
@@ -166,6 +207,11 @@ std::string ChunksText(const MetadataLayout &layout, bool list)
 	return '\n' + (list || layout.chunks.size() <= kMostRows ? ListText(layout) : GroupsText(layout));
 }
 
+Json::Value PinnedJson(const MetadataLayout &layout, const chunk_info &piece)
+{
+	return layout.pinned ? Json::Value(IsPinned(layout, piece)) : Json::Value();
+}
+
 Json::Value ChunkJson(const MetadataLayout &layout, const chunk_info &chunk)
 {
 	const std::string type = TypeOf(layout, chunk);
@@ -178,15 +224,17 @@ Json::Value ChunkJson(const MetadataLayout &layout, const chunk_info &chunk)
 	entry["type"] = type.empty() ? Json::Value() : Json::Value(type);
 	entry["profile"] = ProfileOf(chunk);
 	entry["device_offsets"] = stripes;
+	entry["pinned"] = PinnedJson(layout, chunk);
 	return entry;
 }
 
-Json::Value SuperblockJson(const chunk_info &copy)
+Json::Value SuperblockJson(const MetadataLayout &layout, const chunk_info &copy)
 {
 	Json::Value entry;
 	entry["copy"] = Json::UInt64{copy.offset};
 	entry["size"] = Json::UInt64{copy.size};
 	entry["device_offset"] = Json::UInt64{copy.stripe_offset[0]};
+	entry["pinned"] = PinnedJson(layout, copy);
 	return entry;
 }
 
@@ -196,7 +244,7 @@ std::string MetadataText(const MetadataLayout &layout, const MapStyle &style, bo
 {
 	return Printable(layout.path) + "  on " + Printable(layout.device) + ", " + SizeText(layout.deviceSize) + '\n' +
 	       ChunksLine(layout) + CountedLine(layout) + BeyondLine(layout) + SuperblocksLine(layout) +
-	       ChunksText(layout, list) + '\n' + MetadataMap(layout, style);
+	       PinnedLine(layout) + ChunksText(layout, list) + '\n' + MetadataMap(layout, style);
 }
 
 Json::Value MetadataJson(const MetadataLayout &layout)
@@ -206,6 +254,8 @@ Json::Value MetadataJson(const MetadataLayout &layout)
 	totals["logical_size"] = Json::UInt64{LogicalSize(layout.chunks)};
 	totals["size_on_device"] = Json::UInt64{SizeOnDevice(layout.chunks)};
 	totals["counted_by_kernel"] = Json::UInt64{layout.allocated};
+	totals["pinned"] =
+		layout.pinned ? Json::Value(Json::UInt64{SizeOnDevice(PinnedPieces(layout))}) : Json::Value();
 	Json::Value result;
 	result["path"] = layout.path;
 	result["uuid"] = layout.uuid;
@@ -213,7 +263,7 @@ Json::Value MetadataJson(const MetadataLayout &layout)
 	result["device_size"] = Json::UInt64{layout.deviceSize};
 	result["superblocks"] = Json::Value(Json::arrayValue);
 	for (const chunk_info &copy : layout.superblocks)
-		result["superblocks"].append(SuperblockJson(copy));
+		result["superblocks"].append(SuperblockJson(layout, copy));
 	result["chunks"] = Json::Value(Json::arrayValue);
 	for (const chunk_info &chunk : layout.chunks)
 		result["chunks"].append(ChunkJson(layout, chunk));

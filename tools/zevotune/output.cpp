@@ -9,6 +9,19 @@
 #include <cstdio>
 #include <cstring>
 
+namespace {
+
+// Everything but ASCII is escaped, so that names which are not UTF-8 do not spoil the text for its readers.
+std::string JsonText(const Json::Value &value, const char *indentation)
+{
+	Json::StreamWriterBuilder writer;
+	writer["indentation"] = indentation;
+	writer["enableYAMLCompatibility"] = true; // "key": value
+	return Json::writeString(writer, value);
+}
+
+} // namespace
+
 void Table::Add(std::vector<std::string> cells)
 {
 	for (std::string &cell : cells)
@@ -66,11 +79,12 @@ void PrintLine(std::string_view text)
 
 void PrintJson(const Json::Value &value)
 {
-	// Everything but ASCII is escaped, so that names which are not UTF-8 do not spoil the text for its readers.
-	Json::StreamWriterBuilder writer;
-	writer["indentation"] = "  ";
-	writer["enableYAMLCompatibility"] = true; // "key": value
-	PrintLine(Json::writeString(writer, value));
+	PrintLine(JsonText(value, "  "));
+}
+
+void PrintJsonLine(const Json::Value &value)
+{
+	PrintLine(JsonText(value, ""));
 }
 
 void FlushOutput()

@@ -30,6 +30,7 @@ std::string Printable(std::string_view text);
 void Print(std::string_view text);
 void PrintLine(std::string_view text);
 void PrintJson(const Json::Value &value);
+void PrintJsonLine(const Json::Value &value);
 
 /// Throws Failure when not all of the output could be written.
 void FlushOutput();

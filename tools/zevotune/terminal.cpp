@@ -1,5 +1,6 @@
 #include "terminal.h"
 
+#include <cstdlib>
 #include <cstring>
 
 #include <langinfo.h>
@@ -23,4 +24,10 @@ size_t OutputColumns()
 	winsize size{};
 	const bool told = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
 	return told ? size.ws_col : 80;
+}
+
+bool IsLiveTerminal()
+{
+	const char *const kind = getenv("TERM");
+	return isatty(STDOUT_FILENO) != 0 && kind != nullptr && *kind != '\0' && strcmp(kind, "dumb") != 0;
 }

@@ -9,4 +9,7 @@ bool IsUtf8Locale();
 /// How wide standard output is: 80 columns where it is no terminal, or one that does not tell.
 size_t OutputColumns();
 
+/// Whether standard output is a terminal on which a line can be drawn anew.
+bool IsLiveTerminal();
+
 #endif

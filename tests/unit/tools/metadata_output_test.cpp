@@ -62,6 +62,37 @@ TEST(MetadataText, ListsAFewChunks)
 	                        "30408704        1 GiB  metadata  single   38797312\n");
 }
 
+TEST(MetadataText, SaysWhatIsPinnedWhereSomethingIs)
+{
+	MetadataLayout layout = Layout(Chunks(3, kMiB));
+	layout.pinned = {layout.chunks[0], layout.superblocks[0], layout.chunks[1]};
+	layout.pinned->back().stripe_offset[1] += 1; // what is recorded of it is not where it lies now
+	EXPECT_THAT(Head(layout), HasSubstr("\n2 superblock copies at 64 KiB, 64 MiB\n"
+	                                    "pinned in the SSD cache: 2.00 MiB in 3 ranges\n\n"
+	                                    "LOGICAL OFFSET  SIZE   TYPE      PROFILE  PINNED  DEVICE OFFSETS\n"
+	                                    "0               1 MiB  metadata  DUP      yes     0, 1073741824\n"
+	                                    "1073741824      1 MiB  metadata  DUP      no      1048576, 1074790400\n"));
+	const Json::Value json = MetadataJson(layout);
+	EXPECT_EQ(json["chunks"][0]["pinned"], true);
+	EXPECT_EQ(json["chunks"][1]["pinned"], false);
+	EXPECT_EQ(json["superblocks"][0]["pinned"], true);
+	EXPECT_EQ(json["superblocks"][1]["pinned"], false);
+	EXPECT_EQ(json["totals"]["pinned"].asUInt64(), 2 * kMiB + 4096);
+}
+
+TEST(MetadataText, SaysWhenItCannotBeToldWhatIsPinned)
+{
+	MetadataLayout layout = Layout(Chunks(1));
+	layout.pinned = std::nullopt;
+	EXPECT_THAT(Head(layout),
+	            HasSubstr("\nwhat of it is pinned in an SSD cache cannot be told; \"zevotune cache status\" "
+	                      "says why\n\nLOGICAL OFFSET  SIZE     TYPE      PROFILE  DEVICE OFFSETS\n"));
+	const Json::Value json = MetadataJson(layout);
+	EXPECT_TRUE(json["chunks"][0]["pinned"].isNull());
+	EXPECT_TRUE(json["superblocks"][0]["pinned"].isNull());
+	EXPECT_TRUE(json["totals"]["pinned"].isNull());
+}
+
 TEST(MetadataText, SumsUpManyChunksBySizeTypeAndProfile)
 {
 	std::vector<chunk_info> chunks = Chunks(1998);
@@ -193,12 +224,12 @@ TEST(MetadataJson, HasAllInBytes)
 	EXPECT_EQ(
 		Text(MetadataJson(layout)),
 		R"({"chunks":[)"
-		R"({"device_offsets":[22020096,30408704],"logical_offset":22020096,"profile":"DUP","size":8388608,"type":"system"},)"
-		R"({"device_offsets":[1],"logical_offset":30408704,"profile":"single","size":7,"type":null}],)"
+		R"({"device_offsets":[22020096,30408704],"logical_offset":22020096,"pinned":false,"profile":"DUP","size":8388608,"type":"system"},)"
+		R"({"device_offsets":[1],"logical_offset":30408704,"pinned":false,"profile":"single","size":7,"type":null}],)"
 		R"("device":"/dev/mapper/vg1-volume1","device_size":10737418240,"path":"/volume1",)"
-		R"("superblocks":[{"copy":1,"device_offset":65536,"size":4096},)"
-		R"({"copy":2,"device_offset":67108864,"size":4096}],)"
-		R"("totals":{"chunks":2,"counted_by_kernel":9,"logical_size":8388615,"size_on_device":16777223},)"
+		R"("superblocks":[{"copy":1,"device_offset":65536,"pinned":false,"size":4096},)"
+		R"({"copy":2,"device_offset":67108864,"pinned":false,"size":4096}],)"
+		R"("totals":{"chunks":2,"counted_by_kernel":9,"logical_size":8388615,"pinned":0,"size_on_device":16777223},)"
 		R"("uuid":"01234567-89ab-cdef-0123-456789abcdef"})");
 }
 
