@@ -3,6 +3,7 @@
 #include "kit/nth_call.h"
 
 #include <atomic>
+#include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -14,6 +15,7 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <syslog.h>
 #include <unistd.h>
@@ -67,6 +69,27 @@ void KeepForParent(int priority, const char *text)
 	snprintf(shared.entries[at].text, OfChildren::kLine, "%s", text);
 }
 
+// Past the C library, whose functions fail when a test wants them to.
+long OpenForAppending(const char *path)
+{
+	return syscall(SYS_openat, AT_FDCWD, path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+}
+
+// Also where a test has taken all free descriptors away.
+long OpenForAppendingAnyway(const char *path)
+{
+	const long fd = OpenForAppending(path);
+	if (fd >= 0 || errno != EMFILE)
+		return fd;
+	rlimit limit;
+	getrlimit(RLIMIT_NOFILE, &limit);
+	const rlimit raised = {limit.rlim_max, limit.rlim_max};
+	setrlimit(RLIMIT_NOFILE, &raised);
+	const long opened = OpenForAppending(path);
+	setrlimit(RLIMIT_NOFILE, &limit);
+	return opened;
+}
+
 void Keep(const std::string &text)
 {
 	static const char *path = getenv("ZEVOTUNED_CAPTURED_LINES");
@@ -76,8 +99,7 @@ void Keep(const std::string &text)
 	for (char c : text)
 		line += c == '\n' ? std::string("\\n") : std::string(1, c);
 	line += '\n';
-	// Past the C library, whose functions fail when a test wants them to.
-	const long fd = syscall(SYS_openat, AT_FDCWD, path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+	const long fd = OpenForAppendingAnyway(path);
 	if (fd < 0 || syscall(SYS_write, fd, line.data(), line.size()) != static_cast<long>(line.size()))
 		abort(); // a run whose record has holes proves nothing
 	syscall(SYS_close, fd);
