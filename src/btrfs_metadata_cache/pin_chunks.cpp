@@ -61,8 +61,11 @@ public:
 
 	bool IsOverLimit() const override { return ctx.totalMetadataCacheSize > ctx.ullMaxUsedSizeLimit; }
 
-	int Remove(const chunk_info &recorded) override
+	int Remove(const chunk_info &asRead) override
 	{
+		chunk_info recorded = asRead;
+		if (pinnedAgain.contains(recorded.offset))
+			recorded.status = 1;
 		const std::set<PinnedRanges::Offset> overlapping = ctx.pinned.Overlapping(recorded);
 		if (PinBtrfsMetadataSectionRemove(ctx, szVolPath, szConfigPath, &recorded) != 0) {
 			LOG_ERROR("Failed to PinBtrfsMetadataSectionRemove offset:[%s] with config:[%s].",
@@ -107,7 +110,10 @@ private:
 	int PinAgain(PinnedRanges::Offset offset)
 	{
 		chunk_info chunk;
-		return ReadRecord(szConfigPath, SectionName("%llu", offset).c_str(), chunk) ? Preload(chunk) : -1;
+		if (!ReadRecord(szConfigPath, SectionName("%llu", offset).c_str(), chunk) || Preload(chunk) != 0)
+			return -1;
+		pinnedAgain.insert(offset);
+		return 0;
 	}
 
 	MetadataCacheContext &ctx;
@@ -115,6 +121,7 @@ private:
 	const char *const szDevPath;
 	const char *const szConfigPath;
 	const GetNextMapping getNext;
+	std::set<PinnedRanges::Offset> pinnedAgain; // and recorded as read, which those at hand may not say
 };
 
 } // namespace

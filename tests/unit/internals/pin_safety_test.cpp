@@ -77,6 +77,23 @@ TEST_F(PinSafety, PinsAgainAChunkThatHasTakenAPartOfALaterOne)
 	EXPECT_EQ(volume.tool.Pinned(), "16+1 512+16 606+4 800+4");
 }
 
+// Recorded as unread, it is pinned again as the one on the same bytes goes, and then goes itself.
+TEST_F(PinSafety, RecordsAsUnreadWhatItHasPinnedAgainBeforeItIsUnpinned)
+{
+	const kit::MetadataChunk gone = {1500, 8, 600};
+	const kit::MetadataChunk goneToo = {2048, 8, 600};
+	volume.SetChunks({kFirst, gone});
+	PinAll();
+	volume.SetChunks({kFirst});
+	WriteMapping(Mapping() + Record(goneToo, 0));
+	FailRun(3); // unpins the one, pins and unpins the other
+	EXPECT_EQ(Set(), -1);
+	EXPECT_TRUE(Contains(Mapping(), Record(goneToo, 0))) << Mapping();
+	Pass();
+	EXPECT_EQ(volume.tool.Pinned(), "16+1 512+16");
+	EXPECT_FALSE(Contains(Mapping(), "[8388608]"));
+}
+
 // The first metadata of most volumes lies around the second copy of the superblock.
 TEST_F(PinSafety, PinsAgainTheSuperblockInsideOfAChunkThatIsGone)
 {
