@@ -3,7 +3,6 @@
 #include "support/check.h"
 #include "support/storage_handles.h"
 #include "support/text_buffer.h"
-#include "utils/system_access.h"
 
 #include <vunkcore/text.h>
 
@@ -51,34 +50,33 @@ bool Contains(const List &list, std::string_view text)
 }
 
 // Selects a scheduler on one disk, if the disk offers it. 0 or -1.
-int ApplyScheduler(const char *szDevName, const char *szScheduler)
+int ApplyScheduler(const char *szDevName, const char *szScheduler, Writer &writer)
 {
 	CHECK_ARGUMENT(__null != szDevName);
 
 	const TextBuffer<1024> path("/sys/block/%s/queue/scheduler", szDevName);
 	const int isOffered = TuneCheckSchedulerSupport(path.c_str(), szScheduler);
+	if (isOffered == 0)
+		writer.OnPassedOver(szDevName, "it does not offer this scheduler");
 	if (isOffered != 1)
 		return isOffered;
-	return TuneParameterWrite(path.c_str(), szScheduler, strlen(szScheduler));
+	return writer.WriteParameter(path.c_str(), szScheduler, strlen(szScheduler));
 }
 
 } // namespace
 
 int TuneApplyDiskSection(const SectionPlace &place)
 {
-	Section section;
-	if (section.Read(place) != 0)
-		return -1;
-	for (int i = 0; i < section.Count(); ++i) {
-		if (TuneApplyDiskByKeyValue(section.Key(i), section.Value(i)) != 0) {
-			LOG_ERROR("Failed to TuneApplyDiskByKeyValue [%s %s].", section.Key(i), section.Value(i));
+	return ApplyEachKey(place, [&place](const char *szKey, const char *szValue) {
+		if (TuneApplyDiskByKeyValue(szKey, szValue, place.writer) != 0) {
+			LOG_ERROR("Failed to TuneApplyDiskByKeyValue [%s %s].", szKey, szValue);
 			return -1;
 		}
-	}
-	return 0;
+		return 0;
+	});
 }
 
-int TuneApplyDiskByKeyValue(const char *szKey, const char *szValue)
+int TuneApplyDiskByKeyValue(const char *szKey, const char *szValue, Writer &writer)
 {
 	CHECK_ARGUMENT(__null != szKey);
 	CHECK_ARGUMENT(NULL != szValue);
@@ -89,10 +87,19 @@ int TuneApplyDiskByKeyValue(const char *szKey, const char *szValue)
 		LOG_ERROR("Failed to enum disks");
 		return -1;
 	}
+	if (std::string_view(szKey) != "ssd_scheduler") {
+		writer.OnPassedOver(szKey, "[disk] knows no such key");
+		return 0;
+	}
 	for (const DISKINFO *disk = disks.get(); disk != nullptr; disk = disk->pNext) {
-		if (std::string_view(szKey) != "ssd_scheduler" || ZEVODiskIsSSD(disk->szDevice) != 1)
+		const int isSSD = ZEVODiskIsSSD(disk->szDevice);
+		if (isSSD != 1) {
+			writer.OnPassedOver(disk->szDevice, isSSD == 0
+			                                            ? "it is no SSD"
+			                                            : "the kernel does not say whether it is an SSD");
 			continue;
-		if (ApplyScheduler(disk->szKernelName, szValue) != 0) {
+		}
+		if (ApplyScheduler(disk->szKernelName, szValue, writer) != 0) {
 			LOG_ERROR("Failed to TuneApplyIOSchedulerByDevice [%s %s]", disk->szKernelName, szValue);
 			return -1;
 		}

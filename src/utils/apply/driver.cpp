@@ -34,7 +34,7 @@ int ApplyMain(const SectionPlace &place)
 	if (ReadProfileSection(place.szPath, place.szSection, values) != 0)
 		return -1;
 	const char *szInherit = values.Get("inherit");
-	if (szInherit != nullptr && TuneApplyProfile(szInherit) != 0) {
+	if (szInherit != nullptr && place.writer.ApplyProfile(szInherit) != 0) {
 		LOG_ERROR("Failed to apply inherit profile [%s].", szInherit);
 		return -1;
 	}
@@ -71,6 +71,7 @@ bool IsFor(const SectionHandler &handler, std::string_view section)
 
 int ApplySection(const SectionPlace &place)
 {
+	place.writer.OnSection(place);
 	for (const SectionHandler &handler : kHandlers) {
 		if (!IsFor(handler, place.szSection))
 			continue;
@@ -80,7 +81,8 @@ int ApplySection(const SectionPlace &place)
 		}
 		return 0;
 	}
-	return 0; // sections that nobody handles are ignored
+	place.writer.OnPassedOver(place.szSection, "no section of this name is known");
+	return 0;
 }
 
 int ListGlobalProfiles(std::vector<Profile> &vecProfile)
@@ -98,6 +100,22 @@ int ListGlobalProfiles(std::vector<Profile> &vecProfile)
 
 int TuneApplyProfile(const char *szProfile)
 try {
+	KernelWriter kernel;
+	return ApplyProfile(szProfile, kernel);
+} catch (const std::exception &) {
+	return FAIL_ON_EXCEPTION;
+}
+
+int TuneApplyGlobalProfile()
+try {
+	KernelWriter kernel;
+	return ApplyGlobalProfiles(kernel);
+} catch (const std::exception &) {
+	return FAIL_ON_EXCEPTION;
+}
+
+int ApplyProfile(const char *szProfile, Writer &writer)
+{
 	CHECK_ARGUMENT(__null != szProfile);
 
 	ConfigPath path;
@@ -105,38 +123,34 @@ try {
 		LOG_ERROR("Failed to find the profile [%s].", szProfile);
 		return -1;
 	}
-	if (TuneApplyGlobalProfile() != 0) {
+	if (writer.ApplyGlobalProfiles() != 0) {
 		LOG_ERROR("Failed to TuneApplyGlobalProfile.");
 		return -1;
 	}
-	if (TuneApplyProfileByPath(path.c_str()) != 0) {
+	if (TuneApplyProfileByPath(path.c_str(), writer) != 0) {
 		LOG_ERROR("Failed to TuneApplyProfileByPath [%s].", path.c_str());
 		return -1;
 	}
 	return 0;
-} catch (const std::exception &) {
-	return FAIL_ON_EXCEPTION;
 }
 
-int TuneApplyGlobalProfile()
-try {
+int ApplyGlobalProfiles(Writer &writer)
+{
 	std::vector<Profile> profiles;
 	if (ListGlobalProfiles(profiles) != 0) {
 		LOG_ERROR("Failed to TuneGlobalProfileListWithVector");
 		return -1;
 	}
 	for (const Profile &profile : profiles) {
-		if (TuneApplyProfileByPath(profile.path.c_str()) != 0) {
+		if (TuneApplyProfileByPath(profile.path.c_str(), writer) != 0) {
 			LOG_ERROR("Failed to TuneApplyProfileByPath [%s].", profile.path.c_str());
 			return -1;
 		}
 	}
 	return 0;
-} catch (const std::exception &) {
-	return FAIL_ON_EXCEPTION;
 }
 
-int TuneApplyProfileByPath(const char *szProfilePath)
+int TuneApplyProfileByPath(const char *szProfilePath, Writer &writer)
 {
 	CHECK_ARGUMENT(__null != szProfilePath);
 
@@ -155,7 +169,7 @@ int TuneApplyProfileByPath(const char *szProfilePath)
 		return -1;
 	}
 	for (int i = 0; i < sections.Count(); ++i)
-		if (ApplySection({szProfilePath, sections.Get(i), profile}) != 0)
+		if (ApplySection({szProfilePath, sections.Get(i), profile, writer}) != 0)
 			return -1;
 	return 0;
 }

@@ -3,9 +3,7 @@
 #include "support/check.h"
 #include "support/storage_handles.h"
 #include "support/text_buffer.h"
-#include "utils/system_access.h"
 
-#include <vunkcore/file.h>
 #include <vunkcore/model.h>
 
 #include <algorithm>
@@ -46,7 +44,7 @@ DiskName DiskOfMember(const char *szDevice)
 	return DiskName("%s", name.data());
 }
 
-int TuneMember(const RAIDMEMBER &member, const Tunable &tunable)
+int TuneMember(const RAIDMEMBER &member, const Tunable &tunable, Writer &writer)
 {
 	const DiskName disk = DiskOfMember(member.szDevice);
 	const char *const szKey = tunable.szKey;
@@ -55,20 +53,32 @@ int TuneMember(const RAIDMEMBER &member, const Tunable &tunable)
 	CHECK_ARGUMENT(0 < cbValue);
 
 	const TextBuffer<1024> path("/sys/block/%s/queue/iosched/%s", disk.c_str(), szKey);
-	if (!VUNKCFileExist(path.c_str())) // the active scheduler has no such tunable
+	if (!writer.HasTunable(path.c_str())) {
+		writer.OnPassedOver(member.szDevice, "its disk's scheduler has no such tunable");
 		return 0;
-	return TuneParameterWrite(path.c_str(), tunable.szValue, cbValue);
+	}
+	return writer.WriteParameter(path.c_str(), tunable.szValue, cbValue);
 }
 
-int TuneArray(const RAIDINFO &array, const Tunable &tunable)
+int TuneArray(const RAIDINFO &array, const Tunable &tunable, Writer &writer)
 {
 	for (const RAIDMEMBER *member = array.pMembers; member != nullptr; member = member->pNext)
-		if (TuneMember(*member, tunable) != 0)
+		if (TuneMember(*member, tunable, writer) != 0)
 			return -1;
 	return 0;
 }
 
-int TuneArrays(unsigned levels, const Tunable &tunable)
+// Why a section leaves an array alone; null when it does not.
+const char *WhyNot(const RAIDINFO &array, unsigned levels)
+{
+	if (array.nDisk == 0)
+		return "it is not active";
+	if (array.nDisk == 1)
+		return "it is made for one disk alone";
+	return (array.fLevel & levels) == 0 ? "its level is none of this section's" : nullptr;
+}
+
+int TuneArrays(unsigned levels, const Tunable &tunable, Writer &writer)
 {
 	ArrayList arrays(nullptr);
 	if (RAIDInfoEnum(arrays.out()) < 0) {
@@ -79,9 +89,13 @@ int TuneArrays(unsigned levels, const Tunable &tunable)
 		return VUNKCSupportRAID() ? -1 : 0;
 	for (const RAIDLIST *node = arrays.get(); node != nullptr; node = node->pNext) {
 		const RAIDINFO *const array = node->pRaid;
-		if (array == nullptr || array->nDisk <= 1 || (array->fLevel & levels) == 0)
+		if (array == nullptr)
 			continue;
-		if (TuneArray(*array, tunable) != 0)
+		if (const char *szWhyNot = WhyNot(*array, levels)) {
+			writer.OnPassedOver(array->szDevice, szWhyNot);
+			continue;
+		}
+		if (TuneArray(*array, tunable, writer) != 0)
 			return -1;
 	}
 	return 0;
@@ -92,16 +106,12 @@ int TuneArrays(unsigned levels, const Tunable &tunable)
 int TuneApplyRaidSection(const SectionPlace &place)
 {
 	const unsigned levels = LevelMask(place.szSection);
-	Section section;
-	if (section.Read(place) != 0)
-		return -1;
-	for (int i = 0; i < section.Count(); ++i) {
-		const char *const szKey = section.Key(i);
-		const char *const szValue = section.Value(i);
-		if (TuneArrays(levels, {szKey, szValue, szValue != nullptr ? strlen(szValue) : 0}) != 0) {
+	return ApplyEachKey(place, [&place, levels](const char *szKey, const char *szValue) {
+		const Tunable tunable = {szKey, szValue, szValue != nullptr ? strlen(szValue) : 0};
+		if (TuneArrays(levels, tunable, place.writer) != 0) {
 			LOG_ERROR("Failed to Tune RAID_CFQ [%s %s]", szKey, szValue);
 			return -1;
 		}
-	}
-	return 0;
+		return 0;
+	});
 }

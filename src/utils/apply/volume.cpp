@@ -4,16 +4,12 @@
 #include "support/storage_handles.h"
 #include "support/text_buffer.h"
 
-#include <vunkcore/file.h>
-
 #include <algorithm>
-#include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <string_view>
 
-#include <fcntl.h>
 #include <sys/sysinfo.h>
 
 namespace {
@@ -51,40 +47,24 @@ int LiesOnSSDs(const ZEVOSPACEINFO *pSpace)
 	return 1;
 }
 
-int WriteThreadLimit(const char *szPath, int nThreadMax)
-{
-	const TextBuffer<1024> value("%d", nThreadMax);
-	const FileDescriptor file(open(szPath, O_WRONLY | O_CLOEXEC));
-	if (!file) {
-		LOG_ERROR("Can't open file %s", szPath);
-		return -1;
-	}
-	if (VUNKCWrite(file.get(), value.c_str(), strlen(value.c_str())) < 0) {
-		LOG_ERROR("Failed to set writeback thread max errno %s.", strerror(errno));
-		return -1;
-	}
-	return 0;
-}
-
 } // namespace
 
 int TuneApplyVolumeSection(const SectionPlace &place)
 {
-	Section section;
-	if (section.Read(place) != 0)
-		return -1;
-	for (int i = 0; i < section.Count(); ++i) {
-		if (std::string_view(section.Key(i)) != "zevo_writeback_thread_max")
-			continue;
-		if (TuneApplyProfileVolumeWriteBackThread(section.Value(i)) != 0) {
+	return ApplyEachKey(place, [&place](const char *szKey, const char *szValue) {
+		if (std::string_view(szKey) != "zevo_writeback_thread_max") {
+			place.writer.OnPassedOver(szKey, "[volume] knows no such key");
+			return 0;
+		}
+		if (TuneApplyProfileVolumeWriteBackThread(szValue, place.writer) != 0) {
 			LOG_ERROR("Failed to TuneApplyProfileVolumeWriteBackThread");
 			return -1;
 		}
-	}
-	return 0;
+		return 0;
+	});
 }
 
-int TuneApplyProfileVolumeWriteBackThread(const char *szValue)
+int TuneApplyProfileVolumeWriteBackThread(const char *szValue, Writer &writer)
 {
 	CHECK_ARGUMENT(__null != szValue);
 
@@ -101,16 +81,19 @@ int TuneApplyProfileVolumeWriteBackThread(const char *szValue)
 		return -1;
 	}
 	for (const ZEVOMOUNTVOL *volume = volumes.get(); volume != nullptr; volume = volume->pNext) {
-		if (volume->iFsType != ZEVO_FS_BTRFS)
+		if (volume->iFsType != ZEVO_FS_BTRFS) {
+			writer.OnPassedOver(volume->szVolPath, "it is not Btrfs");
 			continue;
+		}
 		ZEVOSPACESEARCH search = {};
 		search.szVolPath = volume->szVolPath;
 		ZEVOSPACEINFO *space = nullptr;
 		if (ZEVOSpaceInfoSearch(spaces.get(), &search, &space) <= 0) {
 			LOG_ERROR_ONLY("Fail to find volume: [%s]", volume->szVolPath);
+			writer.OnPassedOver(volume->szVolPath, "its device cannot be found");
 			continue;
 		}
-		if (TuneApplyProfileVolumeWriteBackThreadBySpaceInfo(space, limit) != 0) {
+		if (TuneApplyProfileVolumeWriteBackThreadBySpaceInfo(space, limit, writer) != 0) {
 			LOG_ERROR_ONLY("Fail to TuneApplyProfileVolumeWriteBackThreadBySpaceInfo [%s]",
 			               volume->szVolPath);
 			return -1;
@@ -119,11 +102,13 @@ int TuneApplyProfileVolumeWriteBackThread(const char *szValue)
 	return 0;
 }
 
-int TuneApplyProfileVolumeWriteBackThreadBySpaceInfo(const ZEVOSPACEINFO *pSpace, int nThreadMax)
+int TuneApplyProfileVolumeWriteBackThreadBySpaceInfo(const ZEVOSPACEINFO *pSpace, int nThreadMax, Writer &writer)
 {
 	CHECK_ARGUMENT(__null != pSpace);
 
 	const int liesOnSSDs = LiesOnSSDs(pSpace);
+	if (liesOnSSDs == 0)
+		writer.OnPassedOver(pSpace->szVolPath, "it has a rotating disk");
 	if (liesOnSSDs != 1)
 		return liesOnSSDs;
 	char uuid[40] = {};
@@ -132,5 +117,5 @@ int TuneApplyProfileVolumeWriteBackThreadBySpaceInfo(const ZEVOSPACEINFO *pSpace
 		return -1;
 	}
 	const TextBuffer<4096> path("/sys/fs/btrfs/%s/zevo_writeback_thread_max", uuid);
-	return WriteThreadLimit(path.c_str(), nThreadMax);
+	return writer.WriteThreadLimit(path.c_str(), nThreadMax);
 }

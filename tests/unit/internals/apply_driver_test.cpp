@@ -26,18 +26,19 @@ protected:
 	int Apply(std::string_view text)
 	{
 		kit::WriteFile(path, text);
-		return TuneApplyProfileByPath(path.c_str());
+		return TuneApplyProfileByPath(path.c_str(), kernel);
 	}
 
 	kit::TempDir dir;
 	const std::string path = dir.Path("profile");
 	kit::Journal journal;
 	kit::Programs programs;
+	KernelWriter kernel;
 };
 
 TEST_F(ApplyFile, RefusesANullPath)
 {
-	EXPECT_EQ(TuneApplyProfileByPath(nullptr), -1);
+	EXPECT_EQ(TuneApplyProfileByPath(nullptr, kernel), -1);
 	EXPECT_EQ(journal.Lines(), Lines{"utils.cpp Invaild Argument (__null != szProfilePath)=[0]\n"});
 	EXPECT_EQ(VUNKCErrGet(), 0xD00);
 	EXPECT_EQ(programs.Lines(), Lines{});

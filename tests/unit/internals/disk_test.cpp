@@ -307,7 +307,7 @@ TEST_F(DiskTest, RefusesNull)
 		SCOPED_TRACE(condition);
 		VUNKCErrSetEx(0, "", 0);
 		journal.Clear();
-		EXPECT_EQ(TuneApplyDiskByKeyValue(key, value), -1);
+		EXPECT_EQ(TuneApplyDiskByKeyValue(key, value, kernel), -1);
 		EXPECT_EQ(journal.Lines(), Lines{"utils.cpp Invaild Argument (" + condition + ")=[0]\n"});
 		EXPECT_EQ(VUNKCErrGet(), 0xD00);
 	}
@@ -321,7 +321,7 @@ TEST_F(DiskTest, FailsForAKeyWithoutAValue)
 	EXPECT_EQ(Apply("ssd_scheduler=none\n"), -1);
 	EXPECT_EQ(journal.Lines(),
 	          (Lines{"utils.cpp Invaild Argument (NULL != szValue)=[0]\n",
-	                 "utils.cpp Failed to TuneApplyDiskByKeyValue [ssd_scheduler none].[0x0D00 utils.cpp]"}));
+	                 "utils.cpp Failed to TuneApplyDiskByKeyValue [ssd_scheduler (null)].[0x0D00 utils.cpp]"}));
 	EXPECT_EQ(storage.calls, Lines{});
 }
 

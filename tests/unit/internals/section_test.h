@@ -34,7 +34,7 @@ protected:
 	{
 		kit::WriteFile(path, "[main]\n[" + section + "]\n" + text);
 		const Profile profile;
-		return handler({path.c_str(), section.c_str(), profile});
+		return handler({path.c_str(), section.c_str(), profile, kernel});
 	}
 
 	// Each way in which reading the section can fail ends it with one line, before any device is asked for.
@@ -67,6 +67,7 @@ protected:
 	kit::Journal journal;
 	kit::FakeStorage storage;
 	kit::Writes writes;
+	KernelWriter kernel;
 
 private:
 	const Handler handler;

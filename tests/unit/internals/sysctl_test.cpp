@@ -35,12 +35,13 @@ protected:
 		kit::WriteFile(path, text);
 		Profile profile;
 		EXPECT_EQ(TuneLoadProfileByPath(path.c_str(), profile), 0);
-		return TuneApplySysctlSection({path.c_str(), "sysctl", profile});
+		return TuneApplySysctlSection({path.c_str(), "sysctl", profile, kernel});
 	}
 
 	kit::TempDir dir;
 	std::string path;
 	kit::Journal journal;
+	KernelWriter kernel;
 };
 
 // A profile with this vm_memory_max.
@@ -216,12 +217,12 @@ TEST_F(SysctlTest, RefusesNullValues)
 {
 	const kit::Programs programs;
 	const Lines line = {"utils.cpp Invaild Argument (NULL != szValue)=[0]\n"};
-	EXPECT_EQ(TuneApplyOneSysctl("vm.swappiness", nullptr), -1);
+	EXPECT_EQ(TuneApplyOneSysctl("vm.swappiness", nullptr, kernel), -1);
 	EXPECT_EQ(journal.Lines(), line);
 	EXPECT_EQ(VUNKCErrGet(), 0xD00);
 	journal.Clear();
 	VUNKCErrSetEx(0, "", 0);
-	EXPECT_EQ(TuneApplySysctlVMDirty("vm.dirty_ratio", nullptr, Profile()), -1);
+	EXPECT_EQ(TuneApplySysctlVMDirty("vm.dirty_ratio", nullptr, Profile(), kernel), -1);
 	EXPECT_EQ(journal.Lines(), line);
 	EXPECT_EQ(VUNKCErrGet(), 0xD00);
 	EXPECT_EQ(programs.Lines(), Lines{});
@@ -233,8 +234,8 @@ TEST_F(SysctlTest, ReportsTheRunnersFailure)
 		journal.Clear();
 		const kit::Programs programs;
 		const kit::Fault fault("VUNKCExec");
-		EXPECT_EQ(key == std::string("vm.dirty_ratio") ? TuneApplySysctlVMDirty(key, "1", Profile())
-		                                               : TuneApplyOneSysctl(key, "1"),
+		EXPECT_EQ(key == std::string("vm.dirty_ratio") ? TuneApplySysctlVMDirty(key, "1", Profile(), kernel)
+		                                               : TuneApplyOneSysctl(key, "1", kernel),
 		          -1);
 		EXPECT_EQ(journal.Lines(),
 		          Lines{"utils.cpp Failed to sysctl [" + std::string(key) + "=1].[0xFA17 fault:1]"});
@@ -245,8 +246,8 @@ TEST_F(SysctlTest, CutsAnArgumentAfter1023Bytes)
 {
 	const std::string argument = "vm.swappiness=" + std::string(2000, '1');
 	const kit::Programs programs;
-	EXPECT_EQ(TuneApplyOneSysctl("vm.swappiness", std::string(2000, '1').c_str()), 0);
-	EXPECT_EQ(TuneApplySysctlVMDirty("vm.dirty_ratio", std::string(2000, '2').c_str(), Profile()), 0);
+	EXPECT_EQ(TuneApplyOneSysctl("vm.swappiness", std::string(2000, '1').c_str(), kernel), 0);
+	EXPECT_EQ(TuneApplySysctlVMDirty("vm.dirty_ratio", std::string(2000, '2').c_str(), Profile(), kernel), 0);
 	EXPECT_EQ(programs.Lines(), (Lines{kRun + argument.substr(0, 1023),
 	                                   kRun + ("vm.dirty_ratio=" + std::string(2000, '2')).substr(0, 1023)}));
 }
@@ -254,10 +255,10 @@ TEST_F(SysctlTest, CutsAnArgumentAfter1023Bytes)
 // What becomes of the two ratios.
 class DirtyMemory : public SysctlTest {
 protected:
-	static std::string Written(const char *key, const char *value, const Profile &profile)
+	std::string Written(const char *key, const char *value, const Profile &profile)
 	{
 		const kit::Programs programs;
-		EXPECT_EQ(TuneApplySysctlVMDirty(key, value, profile), 0);
+		EXPECT_EQ(TuneApplySysctlVMDirty(key, value, profile, kernel), 0);
 		return programs.Lines().size() == 1 ? programs.Lines()[0].substr(kRun.size())
 		                                    : "nothing, or more than one";
 	}

@@ -138,7 +138,7 @@ TEST_F(VolumeTest, CutsANumberDownToTheProcessorsAndLeavesSmallerOnesToTheKernel
 	for (const auto &row : rows) {
 		SCOPED_TRACE(row.value);
 		kit::WriteFile(Attribute("uuid-a"), "");
-		EXPECT_EQ(TuneApplyProfileVolumeWriteBackThread(row.value), 0);
+		EXPECT_EQ(TuneApplyProfileVolumeWriteBackThread(row.value, kernel), 0);
 		EXPECT_EQ(Written("a"), row.text);
 	}
 	EXPECT_EQ(journal.Lines(), Lines{});
@@ -413,8 +413,9 @@ TEST_F(VolumeTest, RefusesNull)
 		const char *condition;
 		std::function<int()> call;
 	} rows[] = {
-		{"__null != szValue", [] { return TuneApplyProfileVolumeWriteBackThread(nullptr); }},
-		{"__null != pSpace", [] { return TuneApplyProfileVolumeWriteBackThreadBySpaceInfo(nullptr, 1); }},
+		{"__null != szValue", [this] { return TuneApplyProfileVolumeWriteBackThread(nullptr, kernel); }},
+		{"__null != pSpace",
+	         [this] { return TuneApplyProfileVolumeWriteBackThreadBySpaceInfo(nullptr, 1, kernel); }},
 	};
 	for (const auto &row : rows) {
 		SCOPED_TRACE(row.condition);
