@@ -198,29 +198,34 @@ int VUNKCFileUnlockByFile(int fd)
 
 ssize_t VUNKCWrite(int fd, const void *pBuf, size_t cb)
 {
-	if (writes.has_value() || kit::Timeline::IsWatching()) {
-		const std::string line = PathOf(fd) + ": " + std::string(static_cast<const char *>(pBuf), cb);
-		if (writes.has_value())
-			writes->push_back(line);
-		kit::Timeline::Note(line);
-	}
-	PASS_ON(static_cast<ssize_t>(-1), VUNKCWrite, fd, pBuf, cb);
+	if (!writes.has_value() && !kit::Timeline::IsWatching())
+		PASS_ON(static_cast<ssize_t>(-1), VUNKCWrite, fd, pBuf, cb);
+	const std::string line = PathOf(fd) + ": " + std::string(static_cast<const char *>(pBuf), cb);
+	if (writes.has_value())
+		writes->push_back(line);
+	kit::Timeline::Note(line);
+	const auto write = [&] { PASS_ON(static_cast<ssize_t>(-1), VUNKCWrite, fd, pBuf, cb); };
+	const ssize_t written = write();
+	kit::Timeline::Done(line);
+	return written;
 }
 
 int VUNKCExec(const char *szProgram, const char *szArg1, const char *szArg2, const char *szArg3, const char *szArg4)
 {
-	if (recorder.has_value()) {
-		std::string line = szProgram;
-		for (const char *szArg : {szArg1, szArg2, szArg3, szArg4}) {
-			if (szArg == nullptr)
-				break;
-			line = line + " " + szArg;
-		}
-		recorder->lines.push_back(line);
+	const auto run = [&] { PASS_ON(-1, VUNKCExec, szProgram, szArg1, szArg2, szArg3, szArg4); };
+	if (!recorder.has_value())
+		return run();
+	std::string line = szProgram;
+	for (const char *szArg : {szArg1, szArg2, szArg3, szArg4}) {
+		if (szArg == nullptr)
+			break;
+		line = line + " " + szArg;
 	}
-	if (recorder.has_value() && !recorder->run)
-		return Strikes(kit::Calls::Platform, "VUNKCExec") ? Failing(-1) : 0;
-	PASS_ON(-1, VUNKCExec, szProgram, szArg1, szArg2, szArg3, szArg4);
+	recorder->lines.push_back(line);
+	kit::Timeline::Note(line);
+	const int status = recorder->run ? run() : Strikes(kit::Calls::Platform, "VUNKCExec") ? Failing(-1) : 0;
+	kit::Timeline::Done(line);
+	return status;
 }
 
 int stat(const char *path, struct stat *status)

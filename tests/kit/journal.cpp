@@ -108,6 +108,8 @@ void Keep(const std::string &text)
 __attribute__((format(printf, 2, 0))) void Capture(int priority, const char *format, va_list values)
 {
 	const kit::Uncounted uncounted;
+	if ((setlogmask(0) & LOG_MASK(LOG_PRI(priority))) == 0)
+		return;
 	char *text = nullptr;
 	if (vasprintf(&text, format, values) < 0)
 		abort();

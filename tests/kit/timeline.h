@@ -16,6 +16,7 @@ namespace kit {
 ///   VUNKCFileAddSection 1048576               (also VUNKCIFileModifySection, VUNKCFileRemoveSection)
 ///   /sys/fs/btrfs/1/metadata_cache_enable: 1  (VUNKCWrite)
 ///   unlink /run/x.pid
+///   /sbin/sysctl -we vm.swappiness=10         (VUNKCExec, while Programs lives)
 class Timeline {
 public:
 	Timeline()
@@ -38,9 +39,18 @@ public:
 			current->before(line);
 	}
 
+	/// What a stand-in calls when a write to the kernel, or a program, has been made.
+	static void Done(const std::string &line)
+	{
+		if (current != nullptr && current->after)
+			current->after(line);
+	}
+
 	std::vector<std::string> lines;
 	/// Runs before each of them is done.
 	std::function<void(const std::string &line)> before;
+	/// Runs after each write to the kernel and each program.
+	std::function<void(const std::string &line)> after;
 
 private:
 	inline static Timeline *current = nullptr;

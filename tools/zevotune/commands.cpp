@@ -2,29 +2,16 @@
 
 #include "catalogue.h"
 #include "config_access.h"
-#include "error_text.h"
 #include "failure.h"
 #include "output.h"
-#include "paths.h"
-
-#include <zevotuned/tune.h>
+#include "table.h"
+#include "terminal.h"
 
 #include <json/value.h>
 
 #include <optional>
 
 namespace {
-
-constexpr const char *kSeeLog = " (the whole chain is in the system's log: journalctl -t zevotune)";
-
-std::optional<std::string> SelectedProfileIfReadable()
-{
-	try {
-		return SelectedProfile();
-	} catch (const Failure &) {
-		return std::nullopt;
-	}
-}
 
 Json::Value ToJson(const Profile &profile, const Profile &counting, const std::optional<std::string> &selected)
 {
@@ -64,19 +51,23 @@ void PrintCatalogue(const Catalogue &catalogue, const std::optional<std::string>
 		           profile.profile_title_i18n,
 		           counts ? profile.path : profile.path + " (hidden by " + counting.path + ")"});
 	}
-	Print(table.Text());
+	Print(table.Text(OutputLook()));
 }
 
-void PrintApplied(const Profile &profile, const char *what, bool json)
+// Each name once, as the first profile hides the others.
+void PrintNames(const Catalogue &catalogue, bool json)
 {
-	if (json) {
-		Json::Value result;
-		result["profile"] = profile.name;
-		result["path"] = profile.path;
-		PrintJson(result);
-	} else {
-		PrintLine(std::string(what) + ' ' + Printable(profile.name) + " (" + Printable(profile.path) + ")");
+	Json::Value entries(Json::arrayValue);
+	for (const Profile &profile : catalogue) {
+		if (&profile != FindProfile(catalogue, profile.name))
+			continue;
+		if (json)
+			entries.append(profile.name);
+		else
+			PrintLine(Printable(profile.name));
 	}
+	if (json)
+		PrintJson(entries);
 }
 
 } // namespace
@@ -88,9 +79,13 @@ void RequireRoot(const std::string &command)
 		              " ...\"");
 }
 
-void List(bool json)
+void List(bool names, bool json)
 {
 	const Catalogue catalogue = ReadCatalogue();
+	if (names) {
+		PrintNames(catalogue, json);
+		return;
+	}
 	const std::optional<std::string> selected = SelectedProfileIfReadable();
 	if (json)
 		PrintCatalogueJson(catalogue, selected);
@@ -108,40 +103,4 @@ void Current(bool json)
 	} else {
 		PrintLine(name);
 	}
-}
-
-void Set(const std::string &name, bool json)
-{
-	RequireRoot("set");
-	const Catalogue catalogue = ReadCatalogue();
-	const Profile &profile = RequireProfile(catalogue, name);
-	RequireSoundInheritance(catalogue, profile);
-
-	ForgetErrors();
-	if (ZEVOSetCustomProfile(name.c_str()) != 0) {
-		const std::string reason = ErrorText();
-		const bool recorded = SelectedProfileIfReadable() == name;
-		const char *state = recorded ? "; it is selected, but perhaps applied in part" : "; it is not selected";
-		throw Failure("cannot set " + Quoted(name) + ": " + reason + state + kSeeLog);
-	}
-	PrintApplied(profile, "selected and applied", json);
-}
-
-void Apply(bool json)
-{
-	RequireRoot("apply");
-	const std::string name = *FindValue(ReadConfig(), "profile");
-	const Catalogue catalogue = ReadCatalogue();
-	const Profile *profile = FindProfile(catalogue, name);
-	if (profile == nullptr)
-		throw Failure("the selected profile " + Quoted(name) + " (in " + kConfigFile + ") is not installed" +
-		              DidYouMean(name, NamesOf(catalogue), "") +
-		              " (\"sudo zevotune set NAME\" selects another one)");
-	RequireSoundInheritance(catalogue, *profile);
-
-	ForgetErrors();
-	if (ZEVORunCurrentProfile() != 0)
-		throw Failure("cannot apply " + Quoted(name) + ": " + ErrorText() + "; perhaps it is applied in part" +
-		              kSeeLog);
-	PrintApplied(*profile, "applied", json);
 }

@@ -1,14 +1,21 @@
 #ifndef ZEVOTUNE_COMMANDS_H
 #define ZEVOTUNE_COMMANDS_H
 
-// The commands; help.cpp says for users what they do. All throw Failure, and CacheCheck AnswerIsNo.
+// The commands; help.cpp says for users what they do. All throw Failure; those that answer a question throw AnswerIsNo.
 
+#include <optional>
 #include <string>
+#include <vector>
 
-void List(bool json);
+/// @param names  nothing but the names, for programs that complete them.
+void List(bool names, bool json);
 void Current(bool json);
 void Set(const std::string &name, bool json);
 void Apply(bool json);
+void Undo(bool json);
+void ShowPlan(const std::string &name, bool json);
+void VerifyProfile(const std::optional<std::string> &name, bool json);
+void LintProfiles(const std::vector<std::string> &files, bool json);
 void Devices(bool json);
 void Metadata(const std::string &volume, bool list, bool json);
 

@@ -9,14 +9,13 @@
 #include "support/handles.h"
 #include "support/text_buffer.h"
 
+#include <vunkcore/error.h>
+#include <vunkcore/pair_file.h>
 #include <zevotuned/config.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <new>
 
-#include <fcntl.h>
 #include <unistd.h>
 
 namespace {
@@ -41,20 +40,17 @@ void AddDefaults(Config &config)
 			config.emplace_back(key.name, key.defaultValue);
 }
 
-// The library opens the lock file such that it is made where it is missing. Only root is to make it: one that belonged
-// to somebody else could be locked for good.
-void RequireThatNothingIsMade()
+// Without the lock, which is root's: a file that is replaced as a whole is never seen half-written.
+Config ReadConfigAsUser()
 {
-	for (const std::string path : {kConfigFile, kLockFile}) {
-		const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-		if (file)
-			continue;
-		if (errno == ENOENT)
-			throw Failure(kCannotRead + path +
-			              " is missing, and only root makes it; run \"sudo zevotune current\"");
-		throw Failure(kCannotRead + path + " cannot be opened (" + strerror(errno) +
-		              "); run zevotune as root (sudo)");
-	}
+	Hash hash;
+	ForgetErrors();
+	if (hash && VUNKCFileGetPair(kConfigFile, hash.out()) >= 0)
+		return PairsOf(hash);
+	if (VUNKCErrGet() == VUNKC_ERR_FILE_MISSING)
+		throw Failure(std::string(kCannotRead) + kConfigFile +
+		              " is missing, and only root makes it; run \"sudo zevotune current\"");
+	throw Failure(kCannotRead + ErrorText());
 }
 
 } // namespace
@@ -83,7 +79,7 @@ Config ReadConfig()
 Config ReadConfigAsItIs()
 {
 	if (!IsRoot())
-		RequireThatNothingIsMade();
+		return ReadConfigAsUser();
 	Hash hash;
 	ConfigPath path;
 	ForgetErrors();
@@ -100,6 +96,15 @@ std::string SelectedProfile()
 	Config config = ReadConfigAsItIs();
 	AddDefaults(config);
 	return *FindValue(config, "profile");
+}
+
+std::optional<std::string> SelectedProfileIfReadable()
+{
+	try {
+		return SelectedProfile();
+	} catch (const Failure &) {
+		return std::nullopt;
+	}
 }
 
 bool IsRoot()

@@ -7,6 +7,8 @@
 #include "failure.h"
 #include "output.h"
 #include "paths.h"
+#include "table.h"
+#include "terminal.h"
 
 #include <zevotuned/config.h>
 
@@ -120,5 +122,5 @@ void ConfigList(bool json)
 	Table table({"KEY", "VALUE"});
 	for (const auto &[key, value] : config)
 		table.Add({key, value});
-	Print(table.Text());
+	Print(table.Text(OutputLook()));
 }

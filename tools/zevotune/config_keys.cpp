@@ -1,10 +1,10 @@
 #include "config_keys.h"
 
+#include "numbers.h"
+
 #include "support/builtin_profiles.h"
 
 #include <algorithm>
-#include <charconv>
-#include <system_error>
 
 namespace {
 
@@ -16,15 +16,6 @@ bool IsAnything(const std::string &)
 bool IsTruthValue(const std::string &value)
 {
 	return value == "true" || value == "false";
-}
-
-// One that 64 bits can hold, without a sign.
-bool IsWholeNumber(const std::string &value)
-{
-	unsigned long long number = 0;
-	const char *end = value.data() + value.size();
-	const auto [stop, error] = std::from_chars(value.data(), end, number);
-	return error == std::errc() && stop == end;
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #include "devices.h"
 #include "error_text.h"
+#include "kernel_value.h"
 
 #include "support/handles.h"
 
@@ -8,24 +9,9 @@
 
 #include <cerrno>
 #include <cstring>
-#include <new>
 #include <sstream>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 namespace {
-
-// The kernel's answer, which is never longer than a page; nothing, with errno set, when it gives none.
-std::optional<std::string> ReadAttribute(const std::string &path)
-{
-	const FileDescriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-	char text[4096];
-	const ssize_t length = file ? read(file.get(), text, sizeof(text)) : -1;
-	if (length < 0)
-		return std::nullopt;
-	return std::string(text, static_cast<size_t>(length));
-}
 
 // "none [mq-deadline] kyber": all that are offered, the active one in brackets. A lone "none" goes without them.
 void ParseSchedulers(const std::string &text, Queue &queue)

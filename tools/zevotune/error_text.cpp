@@ -54,6 +54,9 @@ std::string OpenText(const std::string &path)
 
 std::string ReadText(const std::string &path)
 {
+	struct stat status;
+	if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode))
+		return path + " is no regular file; move it away";
 	const char *reason = IsKernelFile(path) ? "" : ": the disk fails, or it is larger than 256 MiB";
 	return path + " cannot be read" + reason + "; " + AdviceFor(path);
 }

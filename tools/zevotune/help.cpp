@@ -14,7 +14,7 @@ A profile is known by the "name" in its section [main], not by its file name.
 One file there that cannot be read as a profile stops all commands that look
 at profiles; the message names the file and the line.
 
-Everybody may list and read; "set", "apply", "config set", "metadata" and
+Everybody may list and read; "set", "apply", "undo", "config set", "metadata" and
 "cache", but for "cache status", take root (sudo).
 
 Exit status: 0 done; 1 failed, with one line on standard error that says what
@@ -27,14 +27,15 @@ failures remain a line on standard error.)help";
 const char *const kList =
 	R"help(One line for each profile, by ascending index:
   *       the selected profile; no line has it when the selection cannot be
-          read (without root: when nobody has read it as root since the boot)
-          or names a profile that is not installed
+          read or names a profile that is not installed
   INDEX   key "index", -1 when there is none
   NAME    key "name"; what "set" takes
   TITLE   key of the title's translations, if there is one
   FILE    the file; with "(hidden by FILE)" when another profile of the same
           name comes first: only that one is ever used
 Nothing is made or changed but, as root, the lock file of the configuration.
+
+--names: each name once, a line each; with --json an array of strings.
 
 --json: an array of objects with
   name, title, description, path   strings, "" for a missing key
@@ -49,8 +50,8 @@ const char *const kCurrent =
 	R"help(Prints the name of the selected profile, as it is recorded in
 /usr/zevo/etc/zevotuned/config; whether it is installed is not looked at.
 As root, a missing configuration is made: performance_throughput is selected
-then. Without root nothing is made, and it fails where the configuration or
-its lock file /run/lock/zevotuned/config.lock is missing.
+then. Without root nothing is made, and it fails where the configuration is
+missing.
 
 --json: {"profile": NAME})help";
 
@@ -63,8 +64,10 @@ brings them back.
 Nothing is touched when there is no such profile, when a profile that is
 inherited is missing, or when inheritance goes round in a circle. A parameter
 that the kernel does not know is passed over, one that it refuses is logged
-and passed over. After any other failure half-way, what has been applied until
-then stays; "zevotune apply" tries again.
+and passed over; "zevotune verify" shows it. After any other failure half-way,
+what has been applied until then stays; "zevotune apply" tries again.
+
+What is overwritten is kept: "zevotune undo" restores it.
 
 Takes root.
 
@@ -73,11 +76,106 @@ Takes root.
 const char *const kApply =
 	R"help(Applies the selected profile again, for example after a boot or after its file
 was changed, with the same checks as "set". As root, a missing configuration is
-made: performance_throughput is selected then.
+made: performance_throughput is selected then. "zevotune undo" restores what it
+overwrites.
 
 Takes root.
 
 --json: {"profile": NAME, "path": FILE})help";
+
+const char *const kUndo =
+	R"help(Restores the values that the last "set" or "apply" has overwritten, also when it
+has failed half-way, and selects the profile again that was selected before.
+Of a profile that was applied several times without another one in between,
+what was there before the first time. A disk's scheduler gets back the tunables
+that it had, and of a ratio and its bytes the one that was in force.
+
+What was overwritten is kept in /run/zevotuned/undo.json, until it is restored
+or the machine is booted. A value that cannot be restored is shown with the
+reason; "undo" then tries again.
+
+Takes root. Exit status: 0 all is restored, 1 not all, or there is nothing to
+undo.
+
+--json: an object with
+  profile          whose application is undone
+  selected_again   the profile that is selected again, or null
+  values           objects with target, path, before (what was to be
+                   restored), found (what it was just now), now (what it is
+                   after the restoration; both null: cannot be read), restored)help";
+
+const char *const kPlan =
+	R"help(Shows what "zevotune set NAME" would write on this machine, in that order, and
+writes nothing: the global profiles, the profiles that it inherits from, each of
+its sections. Of each value
+  LINE     the line of the file named above that it comes from
+  TARGET   the kernel parameter, or the file of the kernel's
+  NOW      its present value
+  TO COME  the value that would be written; "as now" if that is the same
+  NOTE     how the value comes about where it is not the file's, such as a
+           ratio that becomes a number of bytes; and what becomes of it later
+Devices, keys and sections that would be left alone are listed behind "not",
+with the reason. Whether the kernel accepts a value only shows when it is
+written; "zevotune lint" knows some that it does not. An application that would
+fail half-way ends the plan there.
+
+Everybody may ask; some values are shown to root alone.
+
+Exit status: 0, or 1 if applying would fail.
+
+--json: an object with
+  profile    the name
+  failure    what would end the application at the end of the plan, or null
+  sections   objects with role ("global", "inherited", "selected"), profile,
+             path, section, line, keys, passed_over
+             keys: objects with key, value, line, writes, passed_over
+             writes: objects with target, path (the kernel's file), now (null:
+             unknown), now_unknown (why, or null), value, changes (whether it
+             would change anything), known (to this kernel),
+             overwritten_later, note (or null)
+             passed_over: objects with what, why)help";
+
+const char *const kVerify =
+	R"help(Shows of each value that applying the profile would leave behind whether it
+holds now; without NAME, of the selected profile:
+  holds                        the kernel has it
+  changed since it was applied it had it then, and has another one now
+  refused by the kernel        it did not take it, or corrected it
+  differs                      it has another one, and which of these two it is
+                               is not known: the profile was not applied by
+                               "zevotune" since the boot, or you are not root
+  cannot be read               by you, or by anybody
+Values that this kernel does not know count neither way. Where several profiles,
+sections or lines give the same value, the last one counts. Nothing is changed.
+
+Exit status: 0 all values hold, 1 not all do.
+
+--json: an object with
+  profile   the name
+  holds     true or false, as the exit status
+  values    objects with target, path, now (null: unknown), value, state
+            ("holds", "changed", "refused", "differs", "unread", "unknown"),
+            file, line)help";
+
+const char *const kLint =
+	R"help(Looks for mistakes in files that are profiles or are to become such: lines that
+cannot be read; a missing [main] or name; sections and keys that nothing reads;
+what occurs twice; names and indexes that another profile has; parents that do
+not exist, inheritance that goes round in a circle, global profiles that
+inherit; values that this machine's kernel would refuse, and parameters,
+schedulers and tunables that it does not have. Nothing is changed, and everybody
+may ask.
+
+A line for each, FILE:LINE: error: TEXT. An error keeps the profile, or that
+value, from being applied; a warning is worth a look.
+
+Exit status: 0 no errors, 1 errors.
+
+--json: an array of objects with
+  file       as given
+  line       number; null for the whole file
+  severity   "error" or "warning"
+  text       what it is)help";
 
 const char *const kDevices =
 	R"help(Shows the mounted volumes with their disks, the RAID arrays with their members,

@@ -8,9 +8,11 @@
 
 #include <cstdio>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include <sys/stat.h>
 #include <syslog.h>
 
 namespace {
@@ -23,9 +25,12 @@ struct Request {
 	bool json = false;
 	bool force = false;
 	bool list = false;
+	bool names = false;
 	bool noWait = false;
 	bool watch = false;
 	std::string name;
+	std::optional<std::string> optionalName;
+	std::vector<std::string> files;
 	std::string volume;
 	std::string key;
 	std::string value;
@@ -118,7 +123,8 @@ void AddCommands(CLI::App &tool, Request &request)
 	AddJson(tool, request);
 
 	CLI::App &list = AddCommand(tool, request, "list", "list the installed profiles", help::kList);
-	Run(list, request, [&request] { List(request.json); });
+	list.add_flag("--names", request.names, "print nothing but the names");
+	Run(list, request, [&request] { List(request.names, request.json); });
 
 	CLI::App &current = AddCommand(tool, request, "current", "print the selected profile's name", help::kCurrent);
 	Run(current, request, [&request] { Current(request.json); });
@@ -129,6 +135,22 @@ void AddCommands(CLI::App &tool, Request &request)
 
 	CLI::App &apply = AddCommand(tool, request, "apply", "apply the selected profile again", help::kApply);
 	Run(apply, request, [&request] { Apply(request.json); });
+
+	CLI::App &undo =
+		AddCommand(tool, request, "undo", "restore what the last set or apply has overwritten", help::kUndo);
+	Run(undo, request, [&request] { Undo(request.json); });
+
+	CLI::App &plan = AddCommand(tool, request, "plan", "show what applying a profile would change", help::kPlan);
+	plan.add_option("NAME", request.name, "name of an installed profile")->required();
+	Run(plan, request, [&request] { ShowPlan(request.name, request.json); });
+
+	CLI::App &verify = AddCommand(tool, request, "verify", "show which values of a profile hold", help::kVerify);
+	verify.add_option("NAME", request.optionalName, "name of an installed profile (else the selected)");
+	Run(verify, request, [&request] { VerifyProfile(request.optionalName, request.json); });
+
+	CLI::App &lint = AddCommand(tool, request, "lint", "look for mistakes in profiles' files", help::kLint);
+	lint.add_option("FILE", request.files, "the files, installed or not")->required();
+	Run(lint, request, [&request] { LintProfiles(request.files, request.json); });
 
 	CLI::App &devices = AddCommand(tool, request, "devices", "show what profiles concern: volumes, arrays, disks",
 	                               help::kDevices);
@@ -204,6 +226,7 @@ int ParseAndRun(int argc, char **argv)
 int main(int argc, char **argv)
 {
 	openlog("zevotune", LOG_PID, LOG_USER);
+	umask(umask(0) | S_IWGRP | S_IWOTH); // what root makes is written by root alone
 	try {
 		return ParseAndRun(argc, argv);
 	} catch (...) {

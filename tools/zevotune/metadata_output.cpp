@@ -2,6 +2,7 @@
 
 #include "metadata_size.h"
 #include "output.h"
+#include "table.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -139,8 +140,8 @@ std::string ListText(const MetadataLayout &layout)
 		header.insert(header.end() - 1, "PINNED");
 	Table table(header);
 	for (const chunk_info &chunk : layout.chunks) {
-		std::vector<std::string> row = {std::to_string(chunk.offset), SizeText(chunk.size),
-		                                TypeText(TypeOf(layout, chunk)), ProfileOf(chunk), OffsetsText(chunk)};
+		std::vector<Cell> row = {std::to_string(chunk.offset), SizeText(chunk.size),
+		                         TypeText(TypeOf(layout, chunk)), ProfileOf(chunk), OffsetsText(chunk)};
 		if (marksPinned)
 			row.insert(row.end() - 1, IsPinned(layout, chunk) ? "yes" : "no");
 		table.Add(row);

@@ -22,31 +22,6 @@ std::string JsonText(const Json::Value &value, const char *indentation)
 
 } // namespace
 
-void Table::Add(std::vector<std::string> cells)
-{
-	for (std::string &cell : cells)
-		cell = Printable(cell);
-	rows.push_back(std::move(cells));
-}
-
-std::string Table::Text() const
-{
-	std::vector<size_t> widths(rows[0].size());
-	for (const auto &cells : rows)
-		for (size_t i = 0; i < widths.size(); ++i)
-			widths[i] = std::max(widths[i], Width(cells[i]));
-
-	std::string text;
-	for (const auto &cells : rows) {
-		std::string line;
-		for (size_t i = 0; i < widths.size(); ++i)
-			line += cells[i] + std::string(widths[i] - Width(cells[i]) + 2, ' ');
-		line.erase(line.find_last_not_of(' ') + 1);
-		text += line + '\n';
-	}
-	return text;
-}
-
 size_t Width(std::string_view text)
 {
 	return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char c) { return (c & 0xC0) != 0x80; }));

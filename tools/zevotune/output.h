@@ -5,20 +5,6 @@
 
 #include <string>
 #include <string_view>
-#include <vector>
-
-/// Rows of cells in columns as wide as their widest cell.
-class Table {
-public:
-	explicit Table(std::vector<std::string> header) { Add(std::move(header)); }
-
-	/// As many cells as the header has.
-	void Add(std::vector<std::string> cells);
-	std::string Text() const;
-
-private:
-	std::vector<std::vector<std::string>> rows;
-};
 
 /// In characters of UTF-8, all of them taken to be one column wide.
 size_t Width(std::string_view text);

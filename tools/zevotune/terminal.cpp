@@ -26,6 +26,14 @@ size_t OutputColumns()
 	return told ? size.ws_col : 80;
 }
 
+Look OutputLook()
+{
+	if (isatty(STDOUT_FILENO) == 0)
+		return {};
+	const char *const noColour = getenv("NO_COLOR");
+	return {IsLiveTerminal() && (noColour == nullptr || *noColour == '\0'), OutputColumns()};
+}
+
 bool IsLiveTerminal()
 {
 	const char *const kind = getenv("TERM");
