@@ -62,6 +62,19 @@ std::string UndoneText(const KeptValues &kept, bool selectedAgain, size_t failed
 	return selectedAgain ? text + "; " + Quoted(kept.selectedBefore) + " is selected again" : text;
 }
 
+// Others than root cannot look at it, and it only says why a value does not hold.
+std::optional<KeptValues> KeptIfReadable()
+{
+	if (!IsRoot())
+		return std::nullopt;
+	try {
+		return LoadKept();
+	} catch (const Failure &failure) {
+		Complain(failure.what());
+		return std::nullopt;
+	}
+}
+
 } // namespace
 
 void Set(const std::string &name, bool json)
@@ -117,16 +130,16 @@ void VerifyProfile(const std::optional<std::string> &name, bool json)
 		name ? RequireProfile(catalogue, *name) : RequireSelected(catalogue, SelectedProfile());
 	RequireSoundInheritance(catalogue, profile);
 	const Plan plan = MakePlan(profile.name);
-	if (!plan.failure.empty())
-		throw Failure("cannot verify " + Quoted(profile.name) + ": applying it would fail: " + plan.failure);
-	// Others than root cannot look at what was kept, and need not.
-	const std::optional<KeptValues> kept = IsRoot() ? LoadKept() : std::nullopt;
+	const std::optional<KeptValues> kept = KeptIfReadable();
 	const std::vector<VerifiedValue> values = Verify(plan, kept ? &*kept : nullptr);
 	if (json)
 		PrintJson(VerificationJson(plan, values));
 	else
 		Print(VerificationText(plan, values, OutputLook()));
 	FlushOutput();
+	if (!plan.failure.empty())
+		throw Failure("what comes behind cannot be verified, as applying " + Quoted(profile.name) +
+		              " would fail there: " + plan.failure);
 	if (!Holds(values))
 		throw AnswerIsNo();
 }
@@ -160,5 +173,6 @@ void Undo(bool json)
 	FlushOutput();
 	if (failed > 0)
 		throw Failure(std::to_string(failed) + (failed == 1 ? " value" : " values") +
-		              " could not be restored; \"zevotune undo\" tries again, and removing " + kKeptFile + " forgets it");
+		              " could not be restored; \"zevotune undo\" tries again, and removing " + kKeptFile +
+		              " forgets it");
 }

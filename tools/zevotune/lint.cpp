@@ -132,8 +132,9 @@ private:
 		if (pair.key != "zevo_writeback_thread_max")
 			UnknownKey(pair, "volume", {"zevo_writeback_thread_max"});
 		else if (pair.value != "auto" && DecimalOf(pair.value).value_or(0) < 1)
-			Error(pair.line, "\"zevo_writeback_thread_max\" is to be \"auto\" or a decimal number from 1, not " +
-			                         Quoted(pair.value));
+			Error(pair.line,
+			      "\"zevo_writeback_thread_max\" is to be \"auto\" or a decimal number from 1, not " +
+			              Quoted(pair.value));
 	}
 
 	void LintDiskPair(const ProfileText::Pair &pair)

@@ -180,7 +180,7 @@ void ComplainOfUsage(const CLI::App &tool, const CLI::ParseError &error)
 	for (const CLI::App *subcommand : command->get_subcommands([](const CLI::App *) { return true; }))
 		subcommands.push_back(subcommand->get_name());
 	const std::vector<std::string> words = command->remaining();
-	if (!words.empty() && words.front().starts_with('-'))
+	if (!words.empty() && words.front() != "--" && words.front().starts_with('-'))
 		Complain("there is no option " + Quoted(words.front()));
 	else if (!words.empty() && !subcommands.empty())
 		Complain("there is no command " + Quoted(words.front()) + DidYouMean(words.front(), subcommands, ""));

@@ -102,7 +102,8 @@ void AddSection(Table &table, const PlannedSection &section)
 	if (!writes && passedOver.empty())
 		table.AddLine("       nothing on this machine", Style::kQuiet);
 	for (const PassedOverByKeys &one : passedOver) {
-		const bool all = one.keys.size() == section.keys.size() || one.keys.front() == one.what.what;
+		const bool all = one.keys.front().empty() || one.keys.size() == section.keys.size() ||
+		                 one.keys.front() == one.what.what;
 		table.AddLine("       not " + (all ? "" : Joined(one.keys) + " of ") + one.what.what + ": " +
 		                      one.what.why,
 		              Style::kQuiet);
