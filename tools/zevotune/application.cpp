@@ -56,8 +56,7 @@ std::string ApplyKeeping(const std::string &profile, int (*apply)(const std::str
 	ForgetErrors();
 	const bool applied = apply(profile) == 0;
 	// The library gives no reason where it is no error of its own, such as an attribute that the kernel does not have.
-	const std::string reason =
-		VUNKCErrGet() == VUNKC_ERR_NONE && !plan.failure.empty() ? plan.failure : ErrorText();
+	std::string reason = VUNKCErrGet() == VUNKC_ERR_NONE && !plan.failure.empty() ? plan.failure : ErrorText();
 	ReadBack(kept);
 	try {
 		Save(kept, applied, older);

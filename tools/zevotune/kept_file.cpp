@@ -113,7 +113,7 @@ std::optional<KeptValues> LoadKept()
 		throw Failure(std::string(kKeptFile) +
 		              " could have been written by others than root; look at it and remove it");
 
-	const std::optional<KeptValues> kept = Parse(ReadAll(file.get()));
+	std::optional<KeptValues> kept = Parse(ReadAll(file.get()));
 	if (!kept)
 		throw Failure(std::string(kKeptFile) + " is damaged, or of another version; remove it");
 	return kept;

@@ -12,8 +12,18 @@ namespace {
 using Severity = LintFinding::Severity;
 using Names = std::vector<std::string>;
 
-const Names kSections = {"main", "sysctl", "volume", "disk", "raid_cfq_1", "raid_cfq_5", "raid_cfq_default"};
-const Names kMainKeys = {"name", "inherit", "index", "ui", "profile_title_i18n", "profile_desc_i18n", "vm_memory_max"};
+const Names &Sections()
+{
+	static const Names names = {"main", "sysctl", "volume", "disk", "raid_cfq_1", "raid_cfq_5", "raid_cfq_default"};
+	return names;
+}
+
+const Names &MainKeys()
+{
+	static const Names names = {"name",         "inherit", "index", "ui", "profile_title_i18n", "profile_desc_i18n",
+	                            "vm_memory_max"};
+	return names;
+}
 
 bool Contains(const Names &names, const std::string &name)
 {
@@ -73,9 +83,9 @@ private:
 
 	void LintSection(const ProfileText::Section &section)
 	{
-		if (!Contains(kSections, section.name)) {
+		if (!Contains(Sections(), section.name)) {
 			Warn(section.line, "no section [" + section.name + "] is known, and it is ignored" +
-			                           DidYouMean(section.name, kSections, ""));
+			                           DidYouMean(section.name, Sections(), ""));
 			return;
 		}
 		for (const ProfileText::Pair &pair : section.pairs) {
@@ -100,8 +110,8 @@ private:
 
 	void LintMainPair(const ProfileText::Pair &pair)
 	{
-		if (!Contains(kMainKeys, pair.key))
-			UnknownKey(pair, "main", kMainKeys);
+		if (!Contains(MainKeys(), pair.key))
+			UnknownKey(pair, "main", MainKeys());
 		else if (pair.key == "index" && !DecimalOf(pair.value))
 			Warn(pair.line, "\"index\" is to be a decimal number; " + Quoted(pair.value) +
 			                        " sorts as what it begins with, or as 0");

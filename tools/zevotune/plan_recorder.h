@@ -11,7 +11,7 @@
 #include <string>
 
 /// Stands in for the kernel while a profile is applied: writes down what would be written, and writes nothing.
-class PlanRecorder final : public Writer {
+class PlanRecorder final : public ParameterWriter {
 public:
 	explicit PlanRecorder(Plan &toFill) : plan(toFill) {}
 

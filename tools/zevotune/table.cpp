@@ -33,7 +33,7 @@ void Table::Add(std::vector<Cell> cells)
 	rows.push_back({std::move(cells)});
 }
 
-void Table::AddLine(std::string text, Style style)
+void Table::AddLine(std::string_view text, Style style)
 {
 	rows.push_back({{Cell(Printable(text), style)}, true});
 }

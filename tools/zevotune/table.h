@@ -4,6 +4,7 @@
 #include "style.h"
 
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -24,7 +25,7 @@ public:
 	void Add(std::vector<Cell> cells);
 
 	/// A line of its own between the rows, in no column. It may be empty.
-	void AddLine(std::string text, Style style = Style::kPlain);
+	void AddLine(std::string_view text, Style style = Style::kPlain);
 
 	/// Where lines are limited, the last column is broken between words; what does not fit even then sticks out.
 	std::string Text(const Look &look = {}) const;

@@ -50,7 +50,7 @@ bool Contains(const List &list, std::string_view text)
 }
 
 // Selects a scheduler on one disk, if the disk offers it. 0 or -1.
-int ApplyScheduler(const char *szDevName, const char *szScheduler, Writer &writer)
+int ApplyScheduler(const char *szDevName, const char *szScheduler, ParameterWriter &writer)
 {
 	CHECK_ARGUMENT(__null != szDevName);
 
@@ -76,7 +76,7 @@ int TuneApplyDiskSection(const SectionPlace &place)
 	});
 }
 
-int TuneApplyDiskByKeyValue(const char *szKey, const char *szValue, Writer &writer)
+int TuneApplyDiskByKeyValue(const char *szKey, const char *szValue, ParameterWriter &writer)
 {
 	CHECK_ARGUMENT(__null != szKey);
 	CHECK_ARGUMENT(NULL != szValue);

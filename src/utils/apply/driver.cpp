@@ -114,7 +114,7 @@ try {
 	return FAIL_ON_EXCEPTION;
 }
 
-int ApplyProfile(const char *szProfile, Writer &writer)
+int ApplyProfile(const char *szProfile, ParameterWriter &writer)
 {
 	CHECK_ARGUMENT(__null != szProfile);
 
@@ -134,7 +134,7 @@ int ApplyProfile(const char *szProfile, Writer &writer)
 	return 0;
 }
 
-int ApplyGlobalProfiles(Writer &writer)
+int ApplyGlobalProfiles(ParameterWriter &writer)
 {
 	std::vector<Profile> profiles;
 	if (ListGlobalProfiles(profiles) != 0) {
@@ -150,7 +150,7 @@ int ApplyGlobalProfiles(Writer &writer)
 	return 0;
 }
 
-int TuneApplyProfileByPath(const char *szProfilePath, Writer &writer)
+int TuneApplyProfileByPath(const char *szProfilePath, ParameterWriter &writer)
 {
 	CHECK_ARGUMENT(__null != szProfilePath);
 

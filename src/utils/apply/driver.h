@@ -7,10 +7,10 @@
 
 // Applies the sections of one profile file in file order, up to the first that fails. A file that cannot be loaded as a
 // profile is not applied at all. 0 or -1. May throw std::bad_alloc.
-int TuneApplyProfileByPath(const char *szProfilePath, Writer &writer);
+int TuneApplyProfileByPath(const char *szProfilePath, ParameterWriter &writer);
 
 // What TuneApplyProfile and TuneApplyGlobalProfile do, with a writer of the caller's. May throw what the writer throws.
-int ApplyProfile(const char *szProfile, Writer &writer);
-int ApplyGlobalProfiles(Writer &writer);
+int ApplyProfile(const char *szProfile, ParameterWriter &writer);
+int ApplyGlobalProfiles(ParameterWriter &writer);
 
 #endif

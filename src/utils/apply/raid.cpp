@@ -44,7 +44,7 @@ DiskName DiskOfMember(const char *szDevice)
 	return DiskName("%s", name.data());
 }
 
-int TuneMember(const RAIDMEMBER &member, const Tunable &tunable, Writer &writer)
+int TuneMember(const RAIDMEMBER &member, const Tunable &tunable, ParameterWriter &writer)
 {
 	const DiskName disk = DiskOfMember(member.szDevice);
 	const char *const szKey = tunable.szKey;
@@ -60,7 +60,7 @@ int TuneMember(const RAIDMEMBER &member, const Tunable &tunable, Writer &writer)
 	return writer.WriteParameter(path.c_str(), tunable.szValue, cbValue);
 }
 
-int TuneArray(const RAIDINFO &array, const Tunable &tunable, Writer &writer)
+int TuneArray(const RAIDINFO &array, const Tunable &tunable, ParameterWriter &writer)
 {
 	for (const RAIDMEMBER *member = array.pMembers; member != nullptr; member = member->pNext)
 		if (TuneMember(*member, tunable, writer) != 0)
@@ -78,7 +78,7 @@ const char *WhyNot(const RAIDINFO &array, unsigned levels)
 	return (array.fLevel & levels) == 0 ? "its level is none of this section's" : nullptr;
 }
 
-int TuneArrays(unsigned levels, const Tunable &tunable, Writer &writer)
+int TuneArrays(unsigned levels, const Tunable &tunable, ParameterWriter &writer)
 {
 	ArrayList arrays(nullptr);
 	if (RAIDInfoEnum(arrays.out()) < 0) {

@@ -12,7 +12,7 @@ struct SectionPlace {
 	const char *szPath;     // the file that is being applied
 	const char *szSection;  // the section's name as it stands there
 	const Profile &profile; // what the file's own [main] says; inherited profiles have no part in it
-	Writer &writer;
+	ParameterWriter &writer;
 };
 
 // A section's keys and values, in file order.

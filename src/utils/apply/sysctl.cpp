@@ -38,14 +38,14 @@ int TuneApplySysctlSection(const SectionPlace &place)
 	});
 }
 
-int TuneApplyOneSysctl(const char *szKey, const char *szValue, Writer &writer)
+int TuneApplyOneSysctl(const char *szKey, const char *szValue, ParameterWriter &writer)
 {
 	CHECK_ARGUMENT(NULL != szValue);
 
 	return writer.RunSysctl(SysctlArgument("%s=%s", szKey, szValue).c_str());
 }
 
-int TuneApplySysctlVMDirty(const char *szKey, const char *szValue, const Profile &profile, Writer &writer)
+int TuneApplySysctlVMDirty(const char *szKey, const char *szValue, const Profile &profile, ParameterWriter &writer)
 {
 	CHECK_ARGUMENT(NULL != szValue);
 

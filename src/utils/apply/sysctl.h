@@ -8,10 +8,10 @@
 int TuneApplySysctlSection(const SectionPlace &place);
 
 // Sets one kernel parameter. 0 or -1.
-int TuneApplyOneSysctl(const char *szKey, const char *szValue, Writer &writer);
+int TuneApplyOneSysctl(const char *szKey, const char *szValue, ParameterWriter &writer);
 
 // Sets "vm.dirty_ratio" or "vm.dirty_background_ratio", as a number of bytes where the machine has more memory than the
 // profile's "vm_memory_max". 0 or -1. May throw std::bad_alloc.
-int TuneApplySysctlVMDirty(const char *szKey, const char *szValue, const Profile &profile, Writer &writer);
+int TuneApplySysctlVMDirty(const char *szKey, const char *szValue, const Profile &profile, ParameterWriter &writer);
 
 #endif

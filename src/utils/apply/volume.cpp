@@ -64,7 +64,7 @@ int TuneApplyVolumeSection(const SectionPlace &place)
 	});
 }
 
-int TuneApplyProfileVolumeWriteBackThread(const char *szValue, Writer &writer)
+int TuneApplyProfileVolumeWriteBackThread(const char *szValue, ParameterWriter &writer)
 {
 	CHECK_ARGUMENT(__null != szValue);
 
@@ -102,7 +102,8 @@ int TuneApplyProfileVolumeWriteBackThread(const char *szValue, Writer &writer)
 	return 0;
 }
 
-int TuneApplyProfileVolumeWriteBackThreadBySpaceInfo(const ZEVOSPACEINFO *pSpace, int nThreadMax, Writer &writer)
+int TuneApplyProfileVolumeWriteBackThreadBySpaceInfo(const ZEVOSPACEINFO *pSpace, int nThreadMax,
+                                                     ParameterWriter &writer)
 {
 	CHECK_ARGUMENT(__null != pSpace);
 

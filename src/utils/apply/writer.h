@@ -5,9 +5,9 @@ struct SectionPlace;
 
 // What the application of a profile does to the machine, and what it tells on its way. The application itself writes
 // nothing: whoever stands in for the kernel here can say what would be written.
-class Writer {
+class ParameterWriter {
 public:
-	virtual ~Writer() = default;
+	virtual ~ParameterWriter() = default;
 
 	// Each 0 or -1, as the function of the kernel's writer that does it.
 	virtual int ApplyProfile(const char *szProfile) = 0; // one that is inherited
@@ -27,7 +27,7 @@ public:
 };
 
 // The kernel. Notes are for others.
-class KernelWriter final : public Writer {
+class KernelWriter final : public ParameterWriter {
 public:
 	int ApplyProfile(const char *szProfile) override;
 	int ApplyGlobalProfiles() override;
