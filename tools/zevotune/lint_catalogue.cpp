@@ -1,5 +1,6 @@
 #include "lint_catalogue.h"
 
+#include <algorithm>
 #include <cstdlib>
 
 namespace {
@@ -64,7 +65,10 @@ LintFindings LintAmong(const Catalogue &catalogue, const Profile &profile, const
 	}
 	LintName(text, findings);
 	LintNames(catalogue, profile, text, findings);
-	if (const auto fault = FindInheritanceFault(catalogue, {}, profile))
+	// Circles are told by the profiles of the catalogue.
+	const auto itself = std::find_if(catalogue.begin(), catalogue.end(),
+	                                 [&profile](const Profile &other) { return other.path == profile.path; });
+	if (const auto fault = FindInheritanceFault(catalogue, {}, itself == catalogue.end() ? profile : *itself))
 		findings.push_back({Severity::kError, line, Describe(*fault, catalogue)});
 	return findings;
 }

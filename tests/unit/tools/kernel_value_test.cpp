@@ -1,0 +1,89 @@
+#include "kernel_value.h"
+
+#include "numbers.h"
+
+#include "kit/files.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+namespace {
+
+TEST(SysctlPath, TakesDotsOrSlashesAsTheSeparator)
+{
+	EXPECT_EQ(SysctlPath("vm.swappiness"), "/proc/sys/vm/swappiness");
+	EXPECT_EQ(SysctlPath("vm/swappiness"), "/proc/sys/vm/swappiness");
+	EXPECT_EQ(SysctlPath("net.ipv4.conf.eth0/1.forwarding"), "/proc/sys/net/ipv4/conf/eth0.1/forwarding");
+	EXPECT_EQ(SysctlPath("net/ipv4/conf/eth0.1/forwarding"), "/proc/sys/net/ipv4/conf/eth0.1/forwarding");
+	EXPECT_EQ(SysctlPath("name"), "/proc/sys/name");
+}
+
+TEST(SameValue, IsOneThatTheKernelTakesForTheSame)
+{
+	EXPECT_TRUE(IsSameValue("4 4 1 7", " 4\t4\t1\t7\n"));
+	EXPECT_TRUE(IsSameValue("16", "0x10"));
+	EXPECT_TRUE(IsSameValue("8", "010"));
+	EXPECT_TRUE(IsSameValue("", " \n"));
+	EXPECT_TRUE(IsSameValue("mq-deadline", "mq-deadline"));
+	EXPECT_FALSE(IsSameValue("1", "1 1"));
+	EXPECT_FALSE(IsSameValue("10", "010"));
+	EXPECT_FALSE(IsSameValue("a", "b"));
+	EXPECT_FALSE(IsSameValue("0", ""));
+	EXPECT_FALSE(IsSameValue("99999999999999999999", "99999999999999999998"));
+}
+
+TEST(OtherOfPair, IsBytesForARatioAndARatioForBytes)
+{
+	EXPECT_EQ(OtherOfPair("/proc/sys/vm/dirty_ratio"), "/proc/sys/vm/dirty_bytes");
+	EXPECT_EQ(OtherOfPair("/proc/sys/vm/dirty_bytes"), "/proc/sys/vm/dirty_ratio");
+	EXPECT_EQ(OtherOfPair("/proc/sys/vm/dirty_background_ratio"), "/proc/sys/vm/dirty_background_bytes");
+	EXPECT_EQ(OtherOfPair("/proc/sys/vm/swappiness"), "");
+}
+
+TEST(SchedulerPathOf, IsOfTunablesOnly)
+{
+	EXPECT_EQ(SchedulerPathOf("/sys/block/sda/queue/iosched/quantum"), "/sys/block/sda/queue/scheduler");
+	EXPECT_EQ(SchedulerPathOf("/sys/block/sda/queue/scheduler"), "");
+	EXPECT_EQ(SchedulerPathOf(""), "");
+}
+
+TEST(KernelValueOf, AFileIsOneLine)
+{
+	const kit::TempDir dir;
+	kit::WriteFile(dir.Path("a"), "4\t4\t1\t7\n");
+	EXPECT_EQ(ReadKernelValue(dir.Path("a")).text, "4 4 1 7");
+	kit::WriteFile(dir.Path("a"), "");
+	EXPECT_EQ(ReadKernelValue(dir.Path("a")).text, "");
+}
+
+TEST(KernelValueOf, WhatIsNoFileHasAReasonInItsPlace)
+{
+	const kit::TempDir dir;
+	EXPECT_EQ(ReadKernelValue(dir.Path("gone")), (KernelValue{std::nullopt, "this kernel does not have it"}));
+	EXPECT_EQ(ReadKernelValue(dir.Path()).why, "Is a directory");
+	ASSERT_EQ(mkfifo(dir.Path("fifo").c_str(), 0600), 0);
+	EXPECT_EQ(ReadKernelValue(dir.Path("fifo")).text, std::nullopt); // and nobody waits for a writer
+}
+
+TEST(Attribute, OfAnyLengthEndsSomewhere)
+{
+	const kit::TempDir dir;
+	kit::WriteFile(dir.Path("long"), std::string(200000, 'x'));
+	EXPECT_EQ(ReadAttribute(dir.Path("long"))->size(), 65536U);
+	kit::WriteFile(dir.Path("page"), std::string(4096, 'x'));
+	EXPECT_EQ(ReadAttribute(dir.Path("page"))->size(), 4096U);
+}
+
+TEST(Numbers, AreWhatTheKernelTakesForNumbers)
+{
+	for (const char *text : {"0", "1", "-1", "0x1F", "017", "99999999999999999999"})
+		EXPECT_TRUE(IsInteger(text)) << text;
+	for (const char *text : {"", "-", "+1", " 1", "1 ", "1a", "0x", "--1", "a"})
+		EXPECT_FALSE(IsInteger(text)) << text;
+	EXPECT_TRUE(IsWholeNumber("18446744073709551615"));
+	for (const char *text : {"18446744073709551616", "-1", "", "0x1", "1 "})
+		EXPECT_FALSE(IsWholeNumber(text)) << text;
+}
+
+} // namespace
