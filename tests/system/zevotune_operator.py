@@ -105,7 +105,7 @@ class Operator(Machine):
         return started
 
     def end(self, started):
-        """Of a test that has failed before it has let the tool go on: neither the tool nor sysctl is to wait for ever."""
+        """Of a test that has failed before it has let the tool go on, neither that nor sysctl is to wait for ever."""
         started.kill()
         if os.path.exists(PARAMETERS + "/pipe"):
             os.close(os.open(PARAMETERS + "/pipe", os.O_RDWR | os.O_NONBLOCK))
@@ -327,7 +327,8 @@ vm.vfs_cache_pressure  {"66":{wide}}  66       {{}}{path}:7
             width = 2 + max(map(len, [changed, "this kernel does not have it"]))
             states = ["STATE", changed, refused, "this kernel does not have it", "holds"]
             self.says(text.format(*(f"{state:{width}}" for state in states)), "verify", status=1, user=user)
-        states = {"root": ["changed", "refused", "unknown", "holds"], "nobody": ["differs", "differs", "unknown", "holds"]}
+        states = {"root": ["changed", "refused", "unknown", "holds"],
+                  "nobody": ["differs", "differs", "unknown", "holds"]}
         for user, names in states.items():
             self.says_json({"profile": "x", "holds": False, "values": [
                 self.row("vm.swappiness", "45", "44", names[0], path, 4),
@@ -536,8 +537,8 @@ class Keeping(Operator):
     def test_without_root_nothing_happens(self):
         self.succeeds("set", "performance_latency")
         for arguments in [["undo"], ["undo", "--json"], ["set", "performance_throughput"], ["apply"]]:
-            self.fails(f"\"{arguments[0]}\" needs root and has changed nothing; run \"sudo zevotune {arguments[0]} ...\"",
-                       *arguments, user="nobody")
+            self.fails(f"\"{arguments[0]}\" needs root and has changed nothing; "
+                       f"run \"sudo zevotune {arguments[0]} ...\"", *arguments, user="nobody")
 
     def test_a_failure_before_anything_is_changed_leaves_what_was_kept_before(self):
         broken = f"cannot set \"performance_throughput\": {CONFIG}:1: line is neither a pair nor a comment; " \
@@ -671,8 +672,8 @@ a               {"-":{wide}}  1          not restored: Is a directory
 b\\x1B           {"-":{wide}}  1\\x0A\\x07  not restored: this kernel does not have it
 undone in part: the application of "x"
 """, 1))
-        self.assertRegex(err, r"kernel\.pid_max(?s:.*)zevotune: 3 values could not be restored; \"zevotune undo\" tries "
-                         rf"again, and removing {STATE} forgets it\n\Z")
+        self.assertRegex(err, r"kernel\.pid_max(?s:.*)zevotune: 3 values could not be restored; \"zevotune undo\" "
+                         rf"tries again, and removing {STATE} forgets it\n\Z")
 
     def test_after_an_application_that_has_failed_half_way(self):
         self.configure(profile="performance_latency")
@@ -865,7 +866,7 @@ class Together(Operator):
             self.assertEqual(one.returncode, 0)
         selected = self.succeeds("current").strip()
         self.assertEqual(kept()["profile"], selected)
-        self.assertEqual(parameter("swappiness"), {"performance_throughput": "11", "performance_latency": "22"}[selected])
+        self.assertEqual(parameter("swappiness"), {profiles[0]: "11", profiles[1]: "22"}[selected])
         self.assertEqual(os.listdir(STATE_DIR), ["undo.json"])
 
 
@@ -977,7 +978,8 @@ fifo_batch = fast
             (1, error, unreadable),
             (2, error, "[main] has no \"name\": nothing can select this profile"),
             (3, warning, "\"index\" is to be a decimal number; \"0x10\" sorts as what it begins with, or as 0"),
-            (3, warning, f"the index 0 is that of {THROUGHPUT} as well: which of the two is listed first is not settled"),
+            (3, warning, f"the index 0 is that of {THROUGHPUT} as well: which of the two is listed first is not "
+             "settled"),
             (4, warning, "\"ui\" is to be true or false; \"yes\" counts as false"),
             (5, warning, "[main] knows no key \"nam\", and ignores it; did you mean \"name\"?"),
             (6, error, "\"vm_memory_max\" is to be a number of bytes; \"8G\" counts as what it begins with, or as 0"),
@@ -1374,9 +1376,9 @@ profile "x", {file}
 {attribute}  ({unknown})  1        {unknown}  {file}:6
 "x": 1 of 1 value holds, 1 not known to this kernel
 """)
-        self.assertEqual(self.run_tool("undo"), (0, "TARGET         FROM  TO  STATE\nvm.swappiness  5     60  restored\n"
-                                                 "undone: the application of \"x\"; \"performance_throughput\" is "
-                                                 "selected again\n", ""))
+        self.assertEqual(self.run_tool("undo"), (
+            0, "TARGET         FROM  TO  STATE\nvm.swappiness  5     60  restored\n"
+            "undone: the application of \"x\"; \"performance_throughput\" is selected again\n", ""))
         self.assertEqual((parameter("swappiness"), os.listdir(STATE_DIR)), ("60", []))
 
 

@@ -7,15 +7,39 @@
 
 #include <vunkcore/error.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+
+namespace {
+
+std::vector<int> LinesWithNul(std::string_view text)
+{
+	std::vector<int> lines;
+	int line = 1;
+	for (const char c : text) {
+		if (c == '\0' && (lines.empty() || lines.back() != line))
+			lines.push_back(line);
+		line += c == '\n' ? 1 : 0;
+	}
+	return lines;
+}
+
+} // namespace
 
 ProfileText ParseProfileText(std::string_view text)
 {
 	using Kind = vunkc::Line::Kind;
 	ProfileText profile;
-	vunkc::LineReader reader(text);
+	profile.badLines = LinesWithNul(text);
+	// The reader gives up at a NUL byte, and here it is to tell all lines.
+	const std::vector<int> withNul = profile.badLines;
+	std::string readable(text);
+	std::replace(readable.begin(), readable.end(), '\0', '?');
+	vunkc::LineReader reader(readable);
 	for (vunkc::Line line = reader.Next(); line.kind != Kind::kEnd; line = reader.Next()) {
+		if (std::binary_search(withNul.begin(), withNul.end(), line.number))
+			continue;
 		if (line.kind == Kind::kHeader)
 			profile.sections.push_back({std::string(line.name), line.number, {}});
 		else if (line.kind == Kind::kPair && !profile.sections.empty())
@@ -24,6 +48,7 @@ ProfileText ParseProfileText(std::string_view text)
 		else
 			profile.badLines.push_back(line.number);
 	}
+	std::sort(profile.badLines.begin(), profile.badLines.end());
 	return profile;
 }
 

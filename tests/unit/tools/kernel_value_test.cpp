@@ -7,8 +7,11 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
+
+constexpr const char *kDisk = "zevotest"; // made up, in the lab's own /sys
 
 TEST(SysctlPath, TakesDotsOrSlashesAsTheSeparator)
 {
@@ -64,6 +67,55 @@ TEST(KernelValueOf, WhatIsNoFileHasAReasonInItsPlace)
 	EXPECT_EQ(ReadKernelValue(dir.Path()).why, "Is a directory");
 	ASSERT_EQ(mkfifo(dir.Path("fifo").c_str(), 0600), 0);
 	EXPECT_EQ(ReadKernelValue(dir.Path("fifo")).text, std::nullopt); // and nobody waits for a writer
+}
+
+TEST(KernelValueOf, WhatOthersMayNotReadSaysSo)
+{
+	const kit::TempDir dir;
+	kit::WriteFile(dir.Path("secret"), "1");
+	std::filesystem::permissions(dir.Path(), std::filesystem::perms(0755));
+	std::filesystem::permissions(dir.Path("secret"), std::filesystem::perms(0600));
+	ASSERT_EQ(seteuid(65534), 0);
+	const KernelValue value = ReadKernelValue(dir.Path("secret"));
+	ASSERT_EQ(seteuid(0), 0);
+	EXPECT_EQ(value, (KernelValue{std::nullopt, "only root can read it"}));
+}
+
+TEST(KernelValueOf, WhatFailsWhenItIsReadSaysWhy)
+{
+	EXPECT_EQ(ReadKernelValue("/proc/self/mem"), (KernelValue{std::nullopt, "Input/output error"}));
+	EXPECT_EQ(ReadKernelValue("/dev/zero"), (KernelValue{std::nullopt, "Invalid argument"}));
+	EXPECT_EQ(ReadKernelValue("/proc/version/x"), (KernelValue{std::nullopt, "this kernel does not have it"}));
+	EXPECT_EQ(ReadKernelValue(""), (KernelValue{std::nullopt, "this kernel does not have it"}));
+}
+
+TEST(KernelValueOf, OfSchedulersTheOneInBracketsIsSelected)
+{
+	const std::string path = "/sys/block/" + std::string(kDisk) + "/queue/scheduler";
+	const std::pair<const char *, const char *> rows[] = {{"none [mq-deadline] kyber\n", "mq-deadline"},
+	                                                      {"[none]\n", "none"},
+	                                                      {"none\n", "none"},
+	                                                      {"", ""},
+	                                                      {"[none", "[none"},
+	                                                      {"none] [kyber]", "kyber"}};
+	for (const auto &[text, selected] : rows) {
+		kit::WriteFile(path, text);
+		EXPECT_EQ(ReadKernelValue(path).text, selected) << text;
+	}
+	const kit::TempDir dir;
+	kit::WriteFile(dir.Path("queue/scheduler"), "none [kyber]\n");
+	EXPECT_EQ(ReadKernelValue(dir.Path("queue/scheduler")).text, "none [kyber]"); // of no disk
+	std::filesystem::remove_all("/sys/block/" + std::string(kDisk));
+}
+
+TEST(KindsOfPaths, AreToldByTheirNames)
+{
+	EXPECT_TRUE(IsSysctlPath("/proc/sys/vm/swappiness"));
+	EXPECT_FALSE(IsSysctlPath("/proc/sysrq-trigger"));
+	EXPECT_FALSE(IsSysctlPath("proc/sys/vm"));
+	EXPECT_TRUE(IsSchedulerPath("/sys/block/sda/queue/scheduler"));
+	EXPECT_FALSE(IsSchedulerPath("/sys/class/block/sda/queue/scheduler"));
+	EXPECT_FALSE(IsSchedulerPath("/sys/block/sda/queue/schedulers"));
 }
 
 TEST(Attribute, OfAnyLengthEndsSomewhere)

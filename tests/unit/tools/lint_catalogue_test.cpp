@@ -39,8 +39,9 @@ TEST(ProfileFromText, IsTheOneThatTheLibraryReads)
 
 TEST(ProfileFromText, SortsByTheDecimalNumberThatItsIndexBeginsWith)
 {
-	const std::pair<const char *, int> rows[] = {{"7", 7},     {"-7", -7}, {"010", 10}, {"0x10", 0}, {"3rd", 3},
-	                                             {"first", 0}, {"", 0},    {" 5", 5},   {"99999999999999999999", -1}};
+	const std::pair<const char *, int> rows[] = {{"7", 7},    {"-7", -7}, {"010", 10},
+	                                             {"0x10", 0}, {"3rd", 3}, {"first", 0},
+	                                             {"", 0},     {" 5", 5},  {"99999999999999999999", -1}};
 	for (const auto &[text, index] : rows)
 		EXPECT_EQ(MadeProfile("/x", std::string("index = ") + text + "\n").index, index) << text;
 }
@@ -49,11 +50,12 @@ TEST(LintAmongOthers, IndexesAreComparedAsTheyAreSorted)
 {
 	const std::string main = "name = x\nindex = 010\n";
 	EXPECT_THAT(LintLast({MadeProfile("/a", "name = a\nindex = 8\n"), MadeProfile("/x", main)}, main), IsEmpty());
-	EXPECT_THAT(LintLast({MadeProfile("/a", "name = a\nindex = 10\n"), MadeProfile("/b", "name = b\nindex = 10\n"),
-	                      MadeProfile("/x", main)},
-	                     main),
-	            ElementsAre("3: the index 10 is that of /a as well: which of the two is listed first is not settled",
-	                        "3: the index 10 is that of /b as well: which of the two is listed first is not settled"));
+	EXPECT_THAT(
+		LintLast({MadeProfile("/a", "name = a\nindex = 10\n"), MadeProfile("/b", "name = b\nindex = 10\n"),
+	                  MadeProfile("/x", main)},
+	                 main),
+		ElementsAre("3: the index 10 is that of /a as well: which of the two is listed first is not settled",
+	                    "3: the index 10 is that of /b as well: which of the two is listed first is not settled"));
 }
 
 TEST(LintAmongOthers, OnesWithoutANameHaveNoneInCommon)
@@ -71,9 +73,10 @@ TEST(LintAmongOthers, AFileThatIsNoProfileHasNoNameToMiss)
 TEST(LintAmongOthers, CirclesEndWhereTheyBegin)
 {
 	const std::string main = "name = x\ninherit = x\n";
-	EXPECT_THAT(LintLast({MadeProfile("/x", main)}, main),
-	            ElementsAre("3: its inheritance never ends: \"x\" (/x) -> \"x\" (/x); remove one \"inherit\" of the "
-	                        "circle"));
+	EXPECT_THAT(
+		LintLast({MadeProfile("/x", main)}, main),
+		ElementsAre("3: its inheritance never ends: \"x\" (/x) -> \"x\" (/x); remove one \"inherit\" of the "
+	                    "circle"));
 	// A circle of others is told, too, as it keeps this one from being applied.
 	const std::string outside = "name = x\ninherit = a\n";
 	EXPECT_THAT(LintLast({MadeProfile("/a", "name = a\ninherit = a\n"), MadeProfile("/x", outside)}, outside),

@@ -129,6 +129,58 @@ TEST(Lint, FindsValuesThatWouldBeRefused)
 	EXPECT_EQ(LintText(main + "vm_memory_max = 8G\n").size(), 1U);
 }
 
+TEST(Lint, TellsItsFindingsInTheOrderOfTheLines)
+{
+	const Lines lines = LintText("stray\n[new]\n[sysctl]\nvm.swappiness = 1\nrubbish\nvm.swappiness = 999\n"
+	                             "[raid_cfq_1]\nnew =\n");
+	EXPECT_EQ(lines,
+	          (Lines{"0 error: there is no section [main], without which it is no profile",
+	                 "1 error: neither a section, a pair in a section nor a comment: the file cannot be read as a "
+	                 "profile",
+	                 "2 warning: no section [new] is known, and it is ignored",
+	                 "5 error: neither a section, a pair in a section nor a comment: the file cannot be read as a "
+	                 "profile",
+	                 "6 warning: \"vm.swappiness\" occurs more than once in [sysctl]: the value of line 6 counts",
+	                 "6 error: the kernel refuses \"999\" for \"vm.swappiness\": the most is 200",
+	                 "8 warning: no known scheduler has a tunable \"new\": disks without it are passed over",
+	                 "8 error: \"new\" is empty, and ends the application on a machine with such an array"}));
+}
+
+TEST(Lint, IntegersOfMainAndVolumesAreDecimalAsTheLibraryReadsThem)
+{
+	for (const char *value : {"0x10", "2147483648", "1.5", "two", ""}) {
+		EXPECT_EQ(LintText("[main]\nname = x\nindex = " + std::string(value) + "\n"),
+		          Lines{"3 warning: \"index\" is to be a decimal number; \"" + std::string(value) +
+		                "\" sorts as what it begins with, or as 0"});
+		EXPECT_EQ(LintLine("volume", "zevo_writeback_thread_max = " + std::string(value)).size(), 1U) << value;
+	}
+	EXPECT_EQ(LintText("[main]\nname = x\nindex = -007\n"), Lines());
+	EXPECT_EQ(LintLine("volume", "zevo_writeback_thread_max = 010"), Lines());
+	EXPECT_EQ(LintLine("volume", "zevo_writeback_thread_max = 2147483647"), Lines());
+}
+
+TEST(Lint, WhatIsMeantForWordsTakesThemExactly)
+{
+	EXPECT_EQ(LintText("[main]\nname = x\nui = TRUE\n"),
+	          Lines{"3 warning: \"ui\" is to be true or false; \"TRUE\" counts as false"});
+	EXPECT_EQ(LintText("[Main]\nname = x\n"),
+	          (Lines{"0 error: there is no section [main], without which it is no profile",
+	                 "1 warning: no section [Main] is known, and it is ignored; did you mean \"main\"?"}));
+	EXPECT_EQ(LintText("[main]\nname = x\nvm_memory_max = 8589934592 bytes\n"),
+	          Lines{"3 error: \"vm_memory_max\" is to be a number of bytes; \"8589934592 bytes\" counts as what it "
+	                "begins with, or as 0"});
+	EXPECT_EQ(LintLine("disk", "ssd_scheduler ="), Lines{"4 warning: there is no known scheduler \"\""});
+}
+
+TEST(Lint, OfARatioAndItsBytesOfTheOtherGroupNothingIsSaid)
+{
+	EXPECT_EQ(LintLine("sysctl", "vm.dirty_background_ratio = 5\nvm.dirty_bytes = 8192").size(),
+	          1U); // unknown here
+	EXPECT_EQ(LintLine("sysctl", "vm.dirty_background_bytes = 8192\nvm.dirty_background_ratio = 5")[0],
+	          "4 warning: the kernel takes \"vm.dirty_background_bytes\" or \"vm.dirty_background_ratio\": "
+	          "whichever is applied later sets the other one to 0");
+}
+
 TEST(LintValues, KnowTheRangesOfParametersByAnyName)
 {
 	struct Row {

@@ -20,10 +20,7 @@ void PrintTo(const Range &range, std::ostream *out)
 
 class LintRange : public testing::TestWithParam<Range> {
 protected:
-	static std::string Why(const std::string &value)
-	{
-		return WhySysctlRefused(GetParam().name, value, "1");
-	}
+	static std::string Why(const std::string &value) { return WhySysctlRefused(GetParam().name, value, "1"); }
 };
 
 TEST_P(LintRange, EndsAreTakenAndWhatLiesBeyondIsNot)
@@ -53,27 +50,23 @@ TEST_P(LintRange, CountsWhateverTheNotationAndWhetherThePresentValueCanBeReadOrN
 		EXPECT_NE(Why(word), "") << '"' << word << '"';
 }
 
-INSTANTIATE_TEST_SUITE_P(Each, LintRange,
-                         testing::Values(Range{"vm.compaction_proactiveness", 0, 100},
-                                         Range{"vm.dirty_background_bytes", 1, LLONG_MAX},
-                                         Range{"vm.dirty_background_ratio", 0, 100},
-                                         Range{"vm.dirty_bytes", 8192, LLONG_MAX},
-                                         Range{"vm.dirty_expire_centisecs", 0, UINT32_MAX},
-                                         Range{"vm.dirty_ratio", 0, 100},
-                                         Range{"vm.dirty_writeback_centisecs", 0, UINT32_MAX},
-                                         Range{"vm.extfrag_threshold", 0, 1000},
-                                         Range{"vm.min_free_kbytes", 0, INT_MAX}, Range{"vm.overcommit_memory", 0, 2},
-                                         Range{"vm.page-cluster", 0, 31}, Range{"vm.panic_on_oom", 0, 2},
-                                         Range{"vm.swappiness", 0, 200}, Range{"vm.vfs_cache_pressure", 0, INT_MAX},
-                                         Range{"vm.watermark_boost_factor", 0, INT_MAX},
-                                         Range{"vm.watermark_scale_factor", 1, 3000},
-                                         Range{"vm.zone_reclaim_mode", 0, INT_MAX}));
+INSTANTIATE_TEST_SUITE_P(
+	Each, LintRange,
+	testing::Values(Range{"vm.compaction_proactiveness", 0, 100}, Range{"vm.dirty_background_bytes", 1, LLONG_MAX},
+                        Range{"vm.dirty_background_ratio", 0, 100}, Range{"vm.dirty_bytes", 8192, LLONG_MAX},
+                        Range{"vm.dirty_expire_centisecs", 0, UINT32_MAX}, Range{"vm.dirty_ratio", 0, 100},
+                        Range{"vm.dirty_writeback_centisecs", 0, UINT32_MAX}, Range{"vm.extfrag_threshold", 0, 1000},
+                        Range{"vm.min_free_kbytes", 0, INT_MAX}, Range{"vm.overcommit_memory", 0, 2},
+                        Range{"vm.page-cluster", 0, 31}, Range{"vm.panic_on_oom", 0, 2}, Range{"vm.swappiness", 0, 200},
+                        Range{"vm.vfs_cache_pressure", 0, INT_MAX}, Range{"vm.watermark_boost_factor", 0, INT_MAX},
+                        Range{"vm.watermark_scale_factor", 1, 3000}, Range{"vm.zone_reclaim_mode", 0, INT_MAX}));
 
 TEST(LintWords, NumbersAreCountedByThePresentValue)
 {
 	EXPECT_EQ(WhySysctlRefused("vm.lowmem_reserve_ratio", "256 32 0", "256\t256\t32\t0\t0"), "");
 	EXPECT_EQ(WhySysctlRefused("vm.lowmem_reserve_ratio", "1\t2  3 4 5", "256\t256\t32\t0\t0"), "");
-	EXPECT_EQ(WhySysctlRefused("vm.lowmem_reserve_ratio", "1 2 3 4 5 6", "256\t256\t32\t0\t0"), "it takes 5 numbers");
+	EXPECT_EQ(WhySysctlRefused("vm.lowmem_reserve_ratio", "1 2 3 4 5 6", "256\t256\t32\t0\t0"),
+	          "it takes 5 numbers");
 	EXPECT_EQ(WhySysctlRefused("vm.swappiness", "1 2", "60"), "it takes 1 number");
 	EXPECT_EQ(WhySysctlRefused("vm.laptop_mode", "", "0"), "it is empty");
 	EXPECT_EQ(WhySysctlRefused("vm.laptop_mode", "on", "0"), "it is no number");

@@ -61,7 +61,8 @@ TEST(PlanText, AProfilesFileIsNamedWhereItBeginsAndWhereItGoesOn)
 	PlannedSection inherited = Section("disk", {});
 	inherited.role = ProfileRole::kInherited;
 	inherited.path = "/i";
-	EXPECT_EQ(PlanText(PlanOf({global, Section("main", {}), inherited, Section("disk", {}), Section("volume", {})}), {}),
+	EXPECT_EQ(PlanText(PlanOf({global, Section("main", {}), inherited, Section("disk", {}), Section("volume", {})}),
+	                   {}),
 	          "LINE    TARGET  NOW  TO COME  NOTE\n"
 	          "global profile \"a\\x0A\", /g\n [sysctl]\n       nothing on this machine\n"
 	          "profile \"x\", /x\n"
@@ -87,11 +88,11 @@ TEST(PlanText, AValueSaysWhatBecomesOfIt)
 	                                   {"k", "v", 0, {noted, later}, {}},
 	                                   {"k", "v", 12345, {unknown, unread}, {}}})}),
 	          " [sysctl]\n"
-	          "4        vm.a  0         1\n"
-	          "         vm.b  0x2       as now   as it is\n"
-	          "         vm.c  1         3        first; overwritten below\n"
-	          "12345    vm.d  (why)     4        this kernel does not have it\n"
-	          "12345    vm.e  (secret)  5\n"
+	          "4        vm.a    0         1\n"
+	          "         vm.b    0x2       as now   as it is\n"
+	          "         vm.c    1         3        first; overwritten below\n"
+	          "12345    vm.d    (why)     4        this kernel does not have it\n"
+	          "12345    vm.e    (secret)  5\n"
 	          "2 values would change, 1 would stay as it is, 1 would be overwritten on the way, "
 	          "1 is not known to this kernel\n");
 }

@@ -45,8 +45,9 @@ std::string WhyUnread(const std::string &path)
 
 TEST(ProfileTextOf, HasSectionsAndPairsWithTheirLines)
 {
-	EXPECT_THAT(Parsed("; a comment\n\n[main]\n# another\n  name = a b \ninherit=\n[ sysctl ]\nvm.a = \"1 = 2\" \n"),
-	            ElementsAre("main@3", "name=a b@5", "inherit=@6", "sysctl@7", "vm.a=1 = 2@8"));
+	EXPECT_THAT(
+		Parsed("; a comment\n\n[main]\n# another\n  name = a b \ninherit=\n[ sysctl ]\nvm.a = \"1 = 2\" \n"),
+		ElementsAre("main@3", "name=a b@5", "inherit=@6", "sysctl@7", "vm.a=1 = 2@8"));
 	EXPECT_THAT(Parsed(""), IsEmpty());
 	EXPECT_THAT(Parsed("[main]"), ElementsAre("main@1"));
 }
@@ -68,7 +69,14 @@ TEST(ProfileTextOf, TellsLinesThatAreNothing)
 	EXPECT_THAT(BadLines("a = 1\n[main]\nnonsense\n[\n[]\n[ ]\n= 1\n]\n[x] y\nb = 1\n"),
 	            ElementsAre(1, 3, 4, 5, 6, 7, 8, 9));
 	EXPECT_THAT(Parsed("a = 1\n[main]\nnonsense\nb = 1\n"), ElementsAre("main@2", "b=1@4"));
-	EXPECT_THAT(BadLines(std::string_view("[main]\na = 1\0\nb = 2\n", 20)), ElementsAre(2));
+}
+
+TEST(ProfileTextOf, LinesWithNulBytesAreBadAndNoOthers)
+{
+	const std::string_view text("[main]\na = \0\0 1\nb = 2\n;\0\n\0\nnonsense\nc = 3\n[\0x]\nd = 4\n", 53);
+	ASSERT_TRUE(text.ends_with("d = 4\n"));
+	EXPECT_THAT(BadLines(text), ElementsAre(2, 4, 5, 6, 8));
+	EXPECT_THAT(Parsed(text), ElementsAre("main@1", "b=2@3", "c=3@7", "d=4@9"));
 }
 
 TEST(ProfileTextOf, AFileIsReadAsAWholeOrFailsWithTheReason)

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <iterator>
+#include <sstream>
+
 namespace {
 
 TEST(Table, AlignsColumnsByCharactersAndLeavesNoBlanksAtTheEnds)
@@ -52,6 +55,49 @@ TEST(Table, BreaksItsLastColumnBetweenWords)
 	EXPECT_EQ(path.Text({false, 30}), "KEY  TEXT\n"
 	                                  "a    in\n"
 	                                  "     /a/path/that/is/longer/than/that\n");
+}
+
+TEST(Table, OfNothingIsItsHeader)
+{
+	EXPECT_EQ(Table({"A", "LONG", "END"}).Text(), "A  LONG  END\n");
+	EXPECT_EQ(Table({"A", "LONG", ""}).Text({false, 80}), "A  LONG\n");
+	EXPECT_EQ(Table({"ALONE"}).Text({false, 1}), "ALONE\n");
+	Table empty({"A", "B"});
+	empty.Add({"", ""});
+	EXPECT_EQ(empty.Text(), "A  B\n\n");
+}
+
+TEST(Table, BrokenLinesKeepTheirColourAndAreCountedInCharacters)
+{
+	Table table({"K", "TEXT"});
+	table.Add({"ä", Cell("größe größe größe größe größe", Style::kBad)});
+	EXPECT_EQ(table.Text({false, 23}), "K  TEXT\n"
+	                                   "ä  größe größe größe\n"
+	                                   "   größe größe\n");
+	EXPECT_EQ(table.Text({true, 23}), "K  TEXT\n"
+	                                  "ä  \x1B[31mgröße größe größe\x1B[0m\n"
+	                                  "   \x1B[31mgröße größe\x1B[0m\n");
+}
+
+TEST(Table, LosesNoWordWhateverTheWidth)
+{
+	Table table({"KEY", "TEXT"});
+	table.Add({"first", "a bb ccc dddd eeeee ffffff ggggggg hhhhhhhh iiiiiiiii"});
+	table.Add({"second", ""});
+	table.AddLine("between");
+	const auto words = [](const std::string &text) {
+		std::istringstream stream(text);
+		return std::vector<std::string>(std::istream_iterator<std::string>(stream), {});
+	};
+	for (size_t columns = 0; columns < 100; ++columns) {
+		const std::string text = table.Text({false, columns});
+		EXPECT_EQ(words(text), words(table.Text())) << columns;
+		std::istringstream lines(text);
+		for (std::string line; std::getline(lines, line);) {
+			EXPECT_FALSE(line.ends_with(' ')) << columns;
+			EXPECT_TRUE(columns < 8 + 20 || line.size() <= columns) << columns << ": " << line;
+		}
+	}
 }
 
 TEST(Table, ColoursDoNotCountAsWidth)
