@@ -1091,7 +1091,7 @@ fifo_batch = fast
     def test_line_ends_of_other_systems_and_a_byte_order_mark(self):
         self.finds([], self.file(b"\xef\xbb\xbf[main]\r\nname = x\r\n\r\n[sysctl]\r\nvm.swappiness = 1\r\n"))
         self.finds([(3, "error", "neither a section, a pair in a section nor a comment: the file cannot be read as a "
-                     "profile")], self.file(b"[main]\nname = x\na\0 = b\n"))
+                     "profile")], self.file(b"[main]\nname = x\na\0 = b\n[sysctl]\nvm.swappiness = 1\n"))
 
     def test_what_cannot_be_read(self):
         path = self.file("[main]\nname = x\n")
