@@ -55,10 +55,10 @@ bool SelectAgain(const KeptValues &kept)
 	return true;
 }
 
-std::string UndoneText(const KeptValues &kept, bool selectedAgain, size_t failed)
+std::string UndoneText(const KeptValues &kept, bool selectedAgain, size_t faults)
 {
 	const std::string text =
-		(failed == 0 ? "undone: " : "undone in part: ") + ("the application of " + Quoted(kept.profile));
+		(faults == 0 ? "undone: " : "undone in part: ") + ("the application of " + Quoted(kept.profile));
 	return selectedAgain ? text + "; " + Quoted(kept.selectedBefore) + " is selected again" : text;
 }
 
@@ -157,9 +157,17 @@ void Undo(bool json)
 	const std::vector<RestoredValue> values = Restore(*kept);
 	const auto failed = static_cast<size_t>(std::count_if(
 		values.begin(), values.end(), [](const RestoredValue &value) { return !IsRestored(value); }));
-	const bool selectedAgain = SelectAgain(*kept);
-	if (failed == 0)
-		RemoveKept();
+	// What has become of the values is shown whatever fails now.
+	bool selectedAgain = false;
+	std::string problem;
+	try {
+		selectedAgain = SelectAgain(*kept);
+		if (failed == 0)
+			RemoveKept();
+	} catch (const Failure &failure) {
+		problem = failure.what();
+	}
+	const size_t faults = failed + (problem.empty() ? 0 : 1);
 	if (json) {
 		Json::Value result;
 		result["profile"] = kept->profile;
@@ -168,9 +176,11 @@ void Undo(bool json)
 		PrintJson(result);
 	} else {
 		Print(RestorationText(values, OutputLook()));
-		PrintLine(Printable(UndoneText(*kept, selectedAgain, failed)));
+		PrintLine(Printable(UndoneText(*kept, selectedAgain, faults)));
 	}
 	FlushOutput();
+	if (!problem.empty())
+		throw Failure(problem);
 	if (failed > 0)
 		throw Failure(std::to_string(failed) + (failed == 1 ? " value" : " values") +
 		              " could not be restored; \"zevotune undo\" tries again, and removing " + kKeptFile +

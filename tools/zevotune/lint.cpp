@@ -129,12 +129,17 @@ private:
 			                        DidYouMean(pair.key, machine.neighbours(pair.key), ""));
 			return;
 		}
-		if (!machine.writable(pair.key))
+		if (!machine.writable(pair.key)) {
 			Error(pair.line, "the kernel refuses it: " + Quoted(pair.key) + " can only be read");
-		else if (const std::string why = WhySysctlRefused(pair.key, pair.value, machine.value(pair.key));
-		         !why.empty())
+			return;
+		}
+		const std::optional<std::string> now = machine.value(pair.key);
+		if (const std::string why = WhySysctlRefused(pair.key, pair.value, now); !why.empty())
 			Error(pair.line,
 			      "the kernel refuses " + Quoted(pair.value) + " for " + Quoted(pair.key) + ": " + why);
+		else if (const auto taken = NumbersTaken(pair.value, now))
+			Warn(pair.line, "the kernel takes only " + std::to_string(*taken) +
+			                        (taken == 1 ? " number for " : " numbers for ") + Quoted(pair.key));
 	}
 
 	void LintVolumePair(const ProfileText::Pair &pair)

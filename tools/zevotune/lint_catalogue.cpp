@@ -14,10 +14,10 @@ void LintName(const ProfileText &text, LintFindings &findings)
 {
 	const int line = LineOf(text, "main", "name");
 	if (line != 0 && ProfileOf("", text).name.empty())
-		findings.push_back({Severity::kError, line, "\"name\" is empty: nothing can select this profile"});
+		findings.push_back({Severity::kError, line, "\"name\" is empty, by which a profile is selected"});
 	else if (line == 0 && LineOf(text, "main") != 0)
 		findings.push_back({Severity::kError, LineOf(text, "main"),
-		                    "[main] has no \"name\": nothing can select this profile"});
+		                    "[main] has no \"name\", by which a profile is selected"});
 }
 
 void LintNames(const Catalogue &catalogue, const Profile &profile, const ProfileText &text, LintFindings &findings)

@@ -76,8 +76,6 @@ std::string WhySysctlRefused(const std::string &name, const std::string &value, 
 		return "it is empty";
 	if (!AreIntegers(words))
 		return words.size() == 1 ? "it is no number" : "these are not all numbers";
-	if (!present.empty() && words.size() > present.size())
-		return "it takes " + std::to_string(present.size()) + (present.size() == 1 ? " number" : " numbers");
 	if (range == nullptr)
 		return "";
 	const long long number = IntegerOf(words[0]);
@@ -86,4 +84,12 @@ std::string WhySysctlRefused(const std::string &name, const std::string &value, 
 	if (number > range->max)
 		return "the most is " + std::to_string(range->max);
 	return "";
+}
+
+std::optional<size_t> NumbersTaken(const std::string &value, const std::optional<std::string> &now)
+{
+	const std::vector<std::string> present = Words(now.value_or(""));
+	if (!AreIntegers(present) || Words(value).size() <= present.size())
+		return std::nullopt;
+	return present.size();
 }

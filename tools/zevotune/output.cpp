@@ -30,13 +30,18 @@ size_t Width(std::string_view text)
 std::string Printable(std::string_view text)
 {
 	std::string printable;
-	for (const char c : text) {
-		if (static_cast<unsigned char>(c) >= 0x20 && c != 0x7F) {
-			printable += c;
+	for (size_t i = 0; i < text.size(); ++i) {
+		// Of U+0080 to U+009F the second byte is escaped, which leaves no character behind.
+		const auto byte = static_cast<unsigned char>(text[i]);
+		const bool isC1 = byte >= 0x80 && byte < 0xA0 && i > 0 && text[i - 1] == '\xC2';
+		if (byte >= 0x20 && byte != 0x7F && !isC1) {
+			printable += text[i];
 			continue;
 		}
-		char escape[8];
-		snprintf(escape, sizeof(escape), "\\x%02X", static_cast<unsigned>(c));
+		if (isC1)
+			printable.pop_back();
+		char escape[12];
+		snprintf(escape, sizeof(escape), isC1 ? "\\xC2\\x%02X" : "\\x%02X", static_cast<unsigned>(byte));
 		printable += escape;
 	}
 	return printable;

@@ -50,14 +50,15 @@ bool Contains(const List &list, std::string_view text)
 }
 
 // Selects a scheduler on one disk, if the disk offers it. 0 or -1.
-int ApplyScheduler(const char *szDevName, const char *szScheduler, ParameterWriter &writer)
+int ApplyScheduler(const DISKINFO &disk, const char *szScheduler, ParameterWriter &writer)
 {
+	const char *const szDevName = disk.szKernelName;
 	CHECK_ARGUMENT(__null != szDevName);
 
 	const TextBuffer<1024> path("/sys/block/%s/queue/scheduler", szDevName);
 	const int isOffered = TuneCheckSchedulerSupport(path.c_str(), szScheduler);
 	if (isOffered == 0)
-		writer.OnPassedOver(szDevName, "it does not offer this scheduler");
+		writer.OnPassedOver(disk.szDevice, "it does not offer this scheduler");
 	if (isOffered != 1)
 		return isOffered;
 	return writer.WriteParameter(path.c_str(), szScheduler, strlen(szScheduler));
@@ -99,7 +100,7 @@ int TuneApplyDiskByKeyValue(const char *szKey, const char *szValue, ParameterWri
 			                                            : "the kernel does not say whether it is an SSD");
 			continue;
 		}
-		if (ApplyScheduler(disk->szKernelName, szValue, writer) != 0) {
+		if (ApplyScheduler(*disk, szValue, writer) != 0) {
 			LOG_ERROR("Failed to TuneApplyIOSchedulerByDevice [%s %s]", disk->szKernelName, szValue);
 			return -1;
 		}

@@ -61,7 +61,7 @@ TEST(LintAmongOthers, IndexesAreComparedAsTheyAreSorted)
 TEST(LintAmongOthers, OnesWithoutANameHaveNoneInCommon)
 {
 	EXPECT_THAT(LintLast({MadeProfile("/a", ""), MadeProfile("/x", "")}, ""),
-	            ElementsAre("1: [main] has no \"name\": nothing can select this profile"));
+	            ElementsAre("1: [main] has no \"name\", by which a profile is selected"));
 }
 
 TEST(LintAmongOthers, AFileThatIsNoProfileHasNoNameToMiss)

@@ -65,9 +65,12 @@ TEST(LintWords, NumbersAreCountedByThePresentValue)
 {
 	EXPECT_EQ(WhySysctlRefused("vm.lowmem_reserve_ratio", "256 32 0", "256\t256\t32\t0\t0"), "");
 	EXPECT_EQ(WhySysctlRefused("vm.lowmem_reserve_ratio", "1\t2  3 4 5", "256\t256\t32\t0\t0"), "");
-	EXPECT_EQ(WhySysctlRefused("vm.lowmem_reserve_ratio", "1 2 3 4 5 6", "256\t256\t32\t0\t0"),
-	          "it takes 5 numbers");
-	EXPECT_EQ(WhySysctlRefused("vm.swappiness", "1 2", "60"), "it takes 1 number");
+	EXPECT_EQ(WhySysctlRefused("vm.lowmem_reserve_ratio", "1 2 3 4 5 6", "256\t256\t32\t0\t0"), "");
+	EXPECT_EQ(NumbersTaken("1 2 3 4 5 6", "256\t256\t32\t0\t0"), 5U);
+	EXPECT_EQ(NumbersTaken("1 2 3 4 5", "256\t256\t32\t0\t0"), std::nullopt);
+	EXPECT_EQ(NumbersTaken("1 2", "60"), 1U);
+	EXPECT_EQ(NumbersTaken("1 2", "text"), std::nullopt);
+	EXPECT_EQ(NumbersTaken("1 2", std::nullopt), std::nullopt);
 	EXPECT_EQ(WhySysctlRefused("vm.laptop_mode", "", "0"), "it is empty");
 	EXPECT_EQ(WhySysctlRefused("vm.laptop_mode", "on", "0"), "it is no number");
 	EXPECT_EQ(WhySysctlRefused("vm.laptop_mode", "1 on", "0"), "these are not all numbers");

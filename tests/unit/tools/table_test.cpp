@@ -27,6 +27,13 @@ TEST(Table, EscapesControlCharacters)
 	                        "c\\x09d\n");
 }
 
+TEST(Table, EscapesTheControlCharactersThatUtf8HasTwoBytesFor)
+{
+	Table table({"A"});
+	table.Add({"\xC2\x9B" "31m \xC2\xA9 \xC3\x9B"});
+	EXPECT_EQ(table.Text(), "A\n\\xC2\\x9B31m \xC2\xA9 \xC3\x9B\n");
+}
+
 TEST(Table, LinesBetweenRowsAreInNoColumn)
 {
 	Table table({"A", "B"});
