@@ -4,7 +4,6 @@
 The environment variable ZEVOTUNE holds the tool's path. Runs as root inside of tests/lab/enter only.
 """
 
-import errno
 import fcntl
 import glob
 import json
@@ -18,7 +17,8 @@ import termios
 sys.dont_write_bytecode = True  # this folder need not be writable
 from zevotune_machine import (  # pylint: disable=wrong-import-position
     CONFIG, CONFIG_DIR, DEFAULTS, LATENCY, LOCAL, LOCAL_GLOBAL, LOCK, LOCK_DIR, PARAMETERS, SHIPPED, SHIPPED_GLOBAL,
-    THROUGHPUT, Machine, Volumes, main, parameter, profile, program, read, tree, write)
+    THROUGHPUT, Machine, Volumes, main, parameter, profile, program, read, text_of_terminal, tree,
+    write)
 
 KNOWN_KEYS = ("profile, lock, btrfs_metadata_cache_on, btrfs_metadata_cache_space_usage_limit, "
               "btrfs_metadata_cache_read_throttle_wait_mult")
@@ -1071,14 +1071,7 @@ class Metadata(Volumes):
                 fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
                 self.assertEqual(self.run_tool("metadata", path, stdout=slave), (0, None, ""))
                 os.close(slave)
-                text = b""
-                try:
-                    while part := os.read(master, 4096):
-                        text += part
-                except OSError as reason:
-                    self.assertEqual(reason.errno, errno.EIO)  # nobody has the other side open any more
-                os.close(master)
-                rows = [line for line in text.decode().splitlines() if line.endswith("|")]
+                rows = [line for line in text_of_terminal(master).splitlines() if line.endswith("|")]
                 self.assertEqual(len(rows[0]), 9 + 2 + cells)
 
     def test_sums_up_many_chunks_unless_the_list_is_asked_for(self):

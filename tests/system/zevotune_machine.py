@@ -3,6 +3,7 @@
 The environment variable ZEVOTUNE holds the tool's path. Runs as root inside of tests/lab/enter only.
 """
 
+import errno
 import json
 import os
 import re
@@ -60,6 +61,19 @@ def runs(command):
         except OSError:
             pass  # it has ended
     return False
+
+
+def text_of_terminal(master):
+    """What has come to a terminal whose other side nobody has open any more. Closes it."""
+    text = b""
+    try:
+        while part := os.read(master, 4096):
+            text += part
+    except OSError as reason:
+        if reason.errno != errno.EIO:
+            raise
+    os.close(master)
+    return text.decode().replace("\r\n", "\n")
 
 
 def parameter(name):

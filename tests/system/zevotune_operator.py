@@ -24,7 +24,8 @@ sys.dont_write_bytecode = True  # this folder need not be writable
 from zevotune_cli import IN_PART, SEE_LOG, Hardware  # pylint: disable=wrong-import-position
 from zevotune_machine import (  # pylint: disable=wrong-import-position
     CONFIG, LATENCY, LOCAL, LOCAL_GLOBAL, PARAMETERS, SHIPPED, SHIPPED_GLOBAL, THROUGHPUT, Machine, Volumes, main,
-    parameter, profile, program, read, runs, tree, write)
+    parameter, profile, program, read, runs, text_of_terminal, tree,
+    write)
 
 STATE_DIR = "/run/zevotuned"
 STATE = STATE_DIR + "/undo.json"
@@ -1228,15 +1229,9 @@ class Terminal(Operator):
         tool = subprocess.Popen(self.command(list(arguments), "root"), stdin=subprocess.DEVNULL, stdout=slave,
                                 stderr=subprocess.PIPE, env=self.environment(**environment))
         os.close(slave)
-        text = b""
-        try:
-            while part := os.read(master, 4096):
-                text += part
-        except OSError as reason:
-            self.assertEqual(reason.errno, errno.EIO)  # nobody has the other side open any more
-        os.close(master)
+        text = text_of_terminal(master)
         tool.communicate(timeout=60)
-        return text.decode().replace("\r\n", "\n")
+        return text
 
     def plain(self, *arguments, **environment):
         """As in a pipe; "undo" can be repeated."""
