@@ -20,7 +20,6 @@
 #include <cstdio>
 #include <exception>
 
-#include <linux/ioprio.h>
 #include <sys/syscall.h>
 
 namespace {
@@ -100,9 +99,10 @@ int StartProgress(MetadataCacheContext &ctx, const char *szVolPath)
 // Of the calling thread: pinning that goes on behind a volume's users must not get in their way.
 void LowerIoPriority()
 {
-	constexpr int kLowestBestEffort = IOPRIO_PRIO_VALUE(IOPRIO_CLASS_BE, 7);
-	static_assert(kLowestBestEffort == 0x4007);
-	if (syscall(SYS_ioprio_set, IOPRIO_WHO_PROCESS, 0, kLowestBestEffort) != 0)
+	// The kernel's numbers for it, whose header some versions have in a form that is no C++.
+	constexpr int kOfProcess = 1;
+	constexpr int kLowestBestEffort = 2 << 13 | 7;
+	if (syscall(SYS_ioprio_set, kOfProcess, 0, kLowestBestEffort) != 0)
 		LOG_ERROR_ONLY("Failed to setting ioprio errno [%d]", errno);
 }
 
