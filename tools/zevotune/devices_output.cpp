@@ -163,11 +163,6 @@ std::vector<Node> ToNodes(const std::vector<Item> &items)
 	return nodes;
 }
 
-Json::Value TextOrNull(const std::string &text)
-{
-	return text.empty() ? Json::Value() : Json::Value(text);
-}
-
 Json::Value TruthOrNull(std::optional<bool> truth)
 {
 	return truth ? Json::Value(*truth) : Json::Value();

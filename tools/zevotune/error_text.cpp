@@ -121,7 +121,10 @@ std::string ErrorText()
 	case VUNKC_ERR_FILE_READ:
 		return ReadText(file);
 	case VUNKC_ERR_FILE_WRITE:
-		return file + " cannot be written; see whether its file system is full or read-only";
+		// What the kernel refuses has no file's name on the error stack, only in the log.
+		return file.starts_with('/')
+		               ? file + " cannot be written; see whether its file system is full or read-only"
+		               : "the kernel has refused a value";
 	case VUNKC_ERR_TIMEOUT:
 		return std::string("another program has held the lock ") + kLockFile + " for 5 seconds; try again";
 	case VUNKC_ERR_LOCK:

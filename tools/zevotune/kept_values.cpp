@@ -28,7 +28,7 @@ void Keep(KeptValues &kept, const std::string &target, const std::string &path, 
 		kept.values.push_back({target, path, *now.text, std::move(wanted), std::nullopt});
 }
 
-// A scheduler takes its tunables with it.
+// All tunables of a disk's scheduler: one of them may change others, and a scheduler takes its own with it.
 void KeepTunables(KeptValues &kept, const std::string &schedulerPath)
 {
 	namespace fs = std::filesystem;
@@ -40,6 +40,13 @@ void KeepTunables(KeptValues &kept, const std::string &schedulerPath)
 	std::sort(paths.begin(), paths.end());
 	for (const std::string &path : paths)
 		Keep(kept, path, path, std::nullopt);
+}
+
+// Every scheduler begins with its own length of the queue, from which some derive tunables.
+void KeepQueueLength(KeptValues &kept, const std::string &schedulerPath)
+{
+	const std::string path = std::filesystem::path(schedulerPath).parent_path() / "nr_requests";
+	Keep(kept, path, path, std::nullopt);
 }
 
 std::string SysctlName(const std::string &path)
@@ -76,8 +83,12 @@ KeptValues ValuesToKeep(const Plan &plan, const std::string &selectedNow)
 		Keep(kept, write.target, write.path, std::nullopt);
 		if (const std::string other = OtherOfPair(write.path); !other.empty())
 			Keep(kept, SysctlName(other), other, std::nullopt);
-		if (IsSchedulerPath(write.path) && Changes(write))
+		if (IsSchedulerPath(write.path) && Changes(write)) {
+			KeepQueueLength(kept, write.path);
 			KeepTunables(kept, write.path);
+		}
+		if (const std::string scheduler = SchedulerPathOf(write.path); !scheduler.empty())
+			KeepTunables(kept, scheduler);
 		if (write.overwrittenLater)
 			continue;
 		for (KeptValue &value : kept.values)
@@ -112,6 +123,11 @@ void ReadBack(KeptValues &kept)
 {
 	for (KeptValue &value : kept.values)
 		value.after = ReadKernelValue(value.path).text;
+	// Tunables that were kept because another one of their scheduler might have changed them, and has not.
+	std::erase_if(kept.values, [&kept](const KeptValue &value) {
+		const std::string scheduler = SchedulerPathOf(value.path);
+		return !scheduler.empty() && !Has(kept, scheduler) && !value.wanted && value.after == value.before;
+	});
 }
 
 const KeptValue *FindKept(const KeptValues &kept, const std::string &path)

@@ -30,8 +30,8 @@ struct KeptValues {
 	bool operator==(const KeptValues &) const = default;
 };
 
-/// What a plan is about to overwrite, as it is now. Along with a scheduler go the tunables of the one before it, and along
-/// with a ratio its bytes.
+/// What a plan is about to overwrite, as it is now. Along with a scheduler go its queue's length and the tunables of the one
+/// before it, along with a tunable the others of its scheduler, and along with a ratio its bytes.
 KeptValues ValuesToKeep(const Plan &plan, const std::string &selectedNow);
 
 /// Of a profile that is applied again, what was there before it was applied for the first time: unless somebody else has

@@ -67,6 +67,11 @@ void PrintJsonLine(const Json::Value &value)
 	PrintLine(JsonText(value, ""));
 }
 
+Json::Value TextOrNull(const std::string &text)
+{
+	return text.empty() ? Json::Value() : Json::Value(text);
+}
+
 void FlushOutput()
 {
 	// Whichever write failed, the next one tells the reason.

@@ -18,6 +18,9 @@ void PrintLine(std::string_view text);
 void PrintJson(const Json::Value &value);
 void PrintJsonLine(const Json::Value &value);
 
+/// For programs, a text that is empty when there is none.
+Json::Value TextOrNull(const std::string &text);
+
 /// Throws Failure when not all of the output could be written.
 void FlushOutput();
 

@@ -136,11 +136,6 @@ std::string Summary(const Plan &plan)
 	return text;
 }
 
-Json::Value TextOrNull(const std::string &text)
-{
-	return text.empty() ? Json::Value() : Json::Value(text);
-}
-
 Json::Value ToJson(const PlannedWrite &write)
 {
 	Json::Value entry;

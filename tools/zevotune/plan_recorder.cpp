@@ -7,7 +7,9 @@
 #include "utils/apply/driver.h"
 #include "utils/apply/section.h"
 
+#include <vunkcore/error.h>
 #include <vunkcore/file.h>
+#include <vunkcore/model.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -17,6 +19,10 @@
 #include <syslog.h>
 
 namespace {
+
+// The only failure of an application that leaves no error.
+constexpr const char *kNoArray = "there is no RAID array, although " VUNKC_MODEL_FILE
+				 " says \"support_raid = yes\"; assemble one, or correct that file";
 
 std::string Text(const char *szText)
 {
@@ -225,6 +231,6 @@ Plan MakePlan(const std::string &profile)
 	PlanRecorder recorder(plan);
 	ForgetErrors();
 	if (recorder.ApplyProfile(profile.c_str()) != 0 && plan.failure.empty())
-		plan.failure = ErrorText();
+		plan.failure = VUNKCErrGet() == VUNKC_ERR_NONE && VUNKCSupportRAID() != 0 ? kNoArray : ErrorText();
 	return plan;
 }

@@ -60,7 +60,8 @@ typedef struct ZEVOFLASHCACHECONFIG {
 	int iMode;               /**< ZEVO_FLASH_CACHE_MODE_... */
 	const char *szId;        /**< "ssd_1"; of a real cache, a number made of its UUID, which stays the same */
 	const char *szReference; /**< its name: as declared, dm's name of the cached device, UUID of bcache's set */
-	unsigned long long ullSizeByte; /**< how much it holds */
+	unsigned long long
+		ullSizeByte; /**< how much it holds; of a real cache its device's size, bookkeeping included */
 } ZEVOFLASHCACHECONFIG;
 
 /** What tells that a cache is being filled, for other programs to see. */
