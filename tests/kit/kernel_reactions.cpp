@@ -102,13 +102,18 @@ void KernelReactions::After(const std::string &line)
 	const std::string value = line.substr(separator + 2);
 	if (!IsScheduler(path)) {
 		WriteFile(path, value + '\n');
+		if (path.ends_with("/strict_guarantees") && value != "0")
+			WriteFile(fs::path(path).parent_path() / "slice_idle", Tunables("bfq").at("slice_idle") + '\n');
 		return;
 	}
 	WriteFile(path, Select(schedulers, value));
 	const bool isAnother = schedulers.find('[' + value + ']') == std::string::npos;
-	const fs::path tunables = fs::path(path).parent_path() / "iosched";
+	const fs::path queue = fs::path(path).parent_path();
+	const fs::path tunables = queue / "iosched";
 	if (!isAnother)
 		return;
+	if (fs::exists(queue / "nr_requests"))
+		WriteFile(queue / "nr_requests", "256\n");
 	fs::remove_all(tunables);
 	for (const auto &[name, standard] : Tunables(value))
 		WriteFile(tunables / name, standard + '\n');

@@ -44,6 +44,22 @@ TEST_F(UndoTest, RestoresSchedulersWithTheirTunablesAndRatios)
 	EXPECT_EQ(KernelFiles(), before);
 }
 
+TEST_F(UndoTest, RestoresWhatASchedulerAndATunableChangeAlong)
+{
+	kit::WriteFile("/sys/block/sda/queue/nr_requests", "64\n");
+	kit::WriteFile("/sys/block/sdd/queue/iosched/slice_idle", "0\n");
+	kit::Install(kit::kLocalDir, "x",
+	             "[main]\nname = x\n[disk]\nssd_scheduler = kyber\n[raid_cfq_5]\nstrict_guarantees = 1\n");
+	const Files before = KernelFiles();
+	const KeptValues kept = Apply("x");
+	EXPECT_EQ(kit::ReadFile("/sys/block/sda/queue/nr_requests"), "256\n");
+	EXPECT_EQ(kit::ReadFile("/sys/block/sdd/queue/iosched/slice_idle"), "8\n");
+	// The others of that scheduler have not changed, and are none of undo's business.
+	EXPECT_EQ(FindKept(kept, "/sys/block/sdd/queue/iosched/max_budget"), nullptr);
+	EXPECT_TRUE(RestoresAll(kept));
+	EXPECT_EQ(KernelFiles(), before);
+}
+
 TEST_F(UndoTest, RestoresBytesThatARatioHasCleared)
 {
 	kit::WriteFile("/proc/sys/vm/dirty_bytes", "100000000\n");
