@@ -15,6 +15,9 @@ import tempfile
 import time
 import unittest
 
+sys.dont_write_bytecode = True  # this folder need not be writable
+from chunk_tree import metadata_chunks  # pylint: disable=wrong-import-position
+
 MARKER = "/run/zevotuned-lab"
 SHIPPED = "/usr/zevo/share/zevotuned/profiles"
 LOCAL = "/usr/local/share/zevotuned/profiles"
@@ -261,18 +264,7 @@ class Volumes(Machine):
     def chunks(self, device):
         """As Btrfs' own tool shows them."""
         program("sync")
-        chunks = []
-        dump = program("btrfs", "inspect-internal", "dump-tree", "--tree", "chunk", device)
-        for item in re.split(r"\n\titem ", dump)[1:]:
-            key = re.search(r"CHUNK_ITEM (\d+)\)", item)
-            types = re.search(r" type (\S+)", item)
-            if key is None or not {"SYSTEM", "METADATA"} & set(types[1].split("|")):
-                continue
-            kind = "mixed" if "DATA" in types[1].split("|") else "system" if "SYSTEM" in types[1] else "metadata"
-            chunks.append({"logical_offset": int(key[1]), "size": int(re.search(r"length (\d+)", item)[1]),
-                           "type": kind, "profile": "DUP" if "DUP" in types[1] else "single",
-                           "device_offsets": [int(offset) for offset in re.findall(r"devid 1 offset (\d+)", item)]})
-        return chunks
+        return metadata_chunks(program("btrfs", "inspect-internal", "dump-tree", "--tree", "chunk", device))
 
 
 def main(name):

@@ -12,6 +12,8 @@ import shutil
 
 from guest import HERE, JOB, MIB, program, read, write
 
+from chunk_tree import metadata_chunks  # found by guest
+
 TOOL = "/usr/zevo/sbin/zevocachepinfiletool"
 RUNS = JOB + "/pin-tool"
 BLOCK = 4096
@@ -21,15 +23,8 @@ MARKED, IN_CACHE = 1, 2
 def chunks_of(device):
     """Metadata and system chunks, by address: size and offsets on the device."""
     program("sync")
-    chunks = {}
     dump = program("btrfs", "inspect-internal", "dump-tree", "--tree", "chunk", device)
-    for item in re.split(r"\n\titem ", dump)[1:]:
-        key = re.search(r"CHUNK_ITEM (\d+)\)", item)
-        types = re.search(r" type (\S+)", item)
-        if key and {"SYSTEM", "METADATA"} & set(types[1].split("|")):
-            chunks[int(key[1])] = (int(re.search(r"length (\d+)", item)[1]),
-                                   [int(offset) for offset in re.findall(r"devid 1 offset (\d+)", item)])
-    return chunks
+    return {chunk["logical_offset"]: (chunk["size"], chunk["device_offsets"]) for chunk in metadata_chunks(dump)}
 
 
 def install_tool():

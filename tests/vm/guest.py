@@ -20,6 +20,7 @@ import unittest
 MIB = 1 << 20
 GIB = 1 << 30
 HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.append(HERE + "/../system")  # what checks share with the tests of the command line
 TOOL = os.environ.get("ZEVOTUNE", "")
 SHIPPED = "/usr/zevo/share/zevotuned"
 LOCAL = "/usr/local/share/zevotuned/profiles"

@@ -16,6 +16,8 @@ import uuid
 
 from guest import GIB, MIB, TOOL, Guest, load, main, program, read, scsi_disks, until, write
 
+from chunk_tree import metadata_chunks  # found by guest
+
 PART = 176 * MIB  # Btrfs with two copies of its metadata takes 109 MiB, and LUKS and LVM take some more
 DECLARATIONS = "/usr/zevo/etc/flash_cache.conf"
 CANNOT_PIN, NO_CACHE = 4, 2
@@ -119,16 +121,8 @@ def chunks(device):
     os.sync()
     with open(device, "rb") as file:
         fcntl.ioctl(file, BLKFLSBUF)  # what an earlier look has left in memory is not what Btrfs has written since
-    found = []
-    for item in re.split(r"\n\titem ", program("btrfs", "inspect-internal", "dump-tree", "--tree", "chunk", device))[1:]:
-        key = re.search(r"CHUNK_ITEM (\d+)\)", item)
-        types = re.search(r" type (\S+)", item)
-        if key and {"SYSTEM", "METADATA"} & set(types[1].split("|")):
-            kind = "mixed" if "DATA" in types[1].split("|") else "system" if "SYSTEM" in types[1] else "metadata"
-            found.append({"logical_offset": int(key[1]), "size": int(re.search(r"length (\d+)", item)[1]), "type": kind,
-                          "profile": "DUP" if "DUP" in types[1] else "single", "pinned": False,
-                          "device_offsets": [int(offset) for offset in re.findall(r"devid \d+ offset (\d+)", item)]})
-    return found
+    dump = program("btrfs", "inspect-internal", "dump-tree", "--tree", "chunk", device)
+    return [chunk | {"pinned": False} for chunk in metadata_chunks(dump)]
 
 
 def superblocks(device):
