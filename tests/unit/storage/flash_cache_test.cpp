@@ -412,6 +412,20 @@ TEST(RecordedCaches, AreThoseOfDeviceMapper)
 		EXPECT_EQ(CanPin(volume), "0") << volume;
 }
 
+// Without a UUID they are known by their names. The table has the mode as it was written, in whatever case, or none.
+TEST(RecordedCaches, AreThoseOfDeviceMapperThatWereMadeByHand)
+{
+	kit::FreshMachine();
+	const kit::Machine machine = kit::Machine::Recorded("dm-cache-by-hand");
+	EXPECT_EQ(CacheOf("/volume1"), "4 ssd_1404976999 plain 67108864 0x00");
+	EXPECT_EQ(CacheOf("/volume2"), "1 ssd_2106574970 through 83886080 0x00");
+	EXPECT_EQ(CacheOf("/volume3"), "4 ssd_1538531746 back 100663296 0x00");
+	EXPECT_EQ(CacheOf("/volume4"), "5 ssd_756567562 pass-by 117440512 0x00");
+	EXPECT_EQ(CacheOf("/"), "none");
+	for (const char *volume : {"/volume1", "/volume2", "/volume3", "/volume4"})
+		EXPECT_EQ(CanPin(volume), "0") << volume;
+}
+
 TEST(RecordedCaches, AreThoseOfBcache)
 {
 	kit::FreshMachine();
@@ -426,7 +440,7 @@ TEST(RecordedCaches, AreNoneOnOtherMachines)
 {
 	kit::FreshMachine();
 	for (const std::string &name : kit::Machine::Recordings()) {
-		if (name == "dm-cache" || name == "bcache")
+		if (name == "dm-cache" || name == "dm-cache-by-hand" || name == "bcache")
 			continue;
 		const kit::Machine machine = kit::Machine::Recorded(name);
 		const SpaceList list;

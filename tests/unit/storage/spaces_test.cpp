@@ -584,3 +584,47 @@ TEST_F(Spaces, FailWhereSysfsIsNotWhatItShouldBe)
 	fs::create_directory(ClassBlock("sda1/partition"));
 	EXPECT_EQ(DisksBelow("md0"), (Strings{"failed 0x0A00 /sys/class/block/sda1/partition"}));
 }
+
+// Btrfs keeps a device that was pulled among its own, and does not call it missing.
+TEST(RecordedSpaces, OfABtrfsOfWhichADiskWasPulledLieOnTheOthers)
+{
+	kit::FreshMachine();
+	kit::Machine machine = kit::Machine::Recorded("btrfs-pulled");
+	const std::string folder = "/sys/fs/btrfs/af9ad533-94fe-4ef6-9bd0-b24ad3aca94f";
+	ASSERT_EQ(kit::Names(folder + "/devices"), (std::set<std::string>{"sda", "sdb", "sde"}));
+	ASSERT_FALSE(fs::exists(folder + "/devices/sda"));
+	for (const char *id : {"1", "2", "3"})
+		ASSERT_EQ(kit::ReadFile(folder + "/devinfo/" + id + "/missing"), "0\n") << id;
+	EXPECT_EQ(DisksUnder("/volume1"), (Strings{"/dev/sdb", "/dev/sde"}));
+	EXPECT_EQ(IsSsd("/dev/sda"), "failed 0x2100 /dev/sda");
+}
+
+// The mount table goes on naming the half that was pulled, a rotating one; the other lies on an SSD.
+TEST(RecordedSpaces, OfABtrfsWhoseSourceWasPulledAreFoundByTheirPath)
+{
+	kit::FreshMachine();
+	kit::Machine machine = kit::Machine::Recorded("btrfs-pulled");
+	EXPECT_EQ(DisksUnder("/volume2"), (Strings{"no such space"}));
+	machine.btrfsPaths = {{"/volume2", "76a92cfe-db89-4162-9e1e-6e2d4a58ff2b"}};
+	EXPECT_EQ(DisksUnder("/volume2"), (Strings{"/dev/sdc"}));
+	EXPECT_EQ(IsSsd("/dev/sdc"), "1");
+}
+
+// Still mounted, and without a single device.
+TEST(RecordedSpaces, OnAPulledDiskAloneAreNotListedAndLieNowhere)
+{
+	kit::FreshMachine();
+	kit::Machine machine = kit::Machine::Recorded("btrfs-pulled");
+	const std::string uuid = "1bdb0110-a28b-40e3-a7e8-340e264cb849";
+	machine.btrfsPaths = {{"/volume3", uuid}};
+	const Strings volumes = VolumeLines();
+	EXPECT_NE(std::find(volumes.begin(), volumes.end(), "/volume3 btrfs 3 /dev/sdd2"), volumes.end());
+	for (const char *volume : {"/volume3", "/volume4"})
+		EXPECT_EQ(DisksUnder(volume), (Strings{"no such space"})) << volume;
+	// As it was listed before.
+	ZEVOSPACEINFO space = {"/dev/sdd2", "", "/volume3", uuid.c_str(), nullptr};
+	EXPECT_EQ(DisksOf(&space), (Strings{"failed 0x2100 /dev/sdd2"}));
+	space = {"/dev/sdd3", "", "/volume4", "", nullptr};
+	EXPECT_EQ(DisksOf(&space), (Strings{"failed 0x2100 /dev/sdd3"}));
+	EXPECT_EQ(IsSsd("/dev/sdd"), "failed 0x2100 /dev/sdd");
+}
