@@ -5,10 +5,13 @@
 #include "kit/files.h"
 #include "kit/journal.h"
 #include "kit/lab.h"
+#include "kit/storage.h"
 
 #include <vunkcore/error.h>
 
 #include <gtest/gtest.h>
+
+#include <filesystem>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -306,6 +309,42 @@ TEST_P(ChunkTest, StripesOnTwoDevicesFail)
 	btrfs.devices[2] = Node("second", 201);
 	btrfs.chunks = {{10, 10, kMetadata | kRaid1, {{1, 10}, {2, 10}}}};
 	ExpectNotFound(EXDEV);
+}
+
+TEST_P(ChunkTest, TheOnlyDeviceIsKnownByTheKernelsNameWhenItHasBeenRenamed)
+{
+	const std::string uuid = "33333333-0000-4000-8000-0000000000aa";
+	const std::string members = "/sys/fs/btrfs/" + uuid + "/devices";
+	const std::string number = "/sys/dev/block/259:202";
+	const std::string disk = "/sys/devices/virtual/block/renamed-7";
+	kit::FakeStorage storage;
+	storage.volumes = {{.path = volume, .uuid = uuid, .device = device}};
+	std::filesystem::create_directories(members);
+	std::filesystem::create_directories(disk);
+	std::filesystem::create_symlink("../../devices/virtual/block/renamed-7", number);
+	btrfs.chunks = {{10, 10, kMetadata, {{1, 10}}}};
+	device = Node("new name", 202);
+
+	ExpectNotFound(EXDEV);
+	std::filesystem::create_symlink(disk, members + "/renamed-7");
+	EXPECT_EQ(Walk().size(), 1u); // of the old name there is another device
+	btrfs.devices[1] = folder.Path("old name");
+	EXPECT_EQ(Walk().size(), 1u);
+
+	storage.volumes[0].uuid = "44444444-0000-4000-8000-0000000000aa";
+	ExpectNotFound(EXDEV);
+	storage.volumes[0].uuid = uuid;
+	btrfs.devices[2] = Node("second", 201);
+	ExpectNotFound(EXDEV);
+	btrfs.devices.erase(2);
+	std::filesystem::remove(disk); // the device is gone, and Btrfs keeps its link
+	ExpectNotFound(EXDEV);
+	std::filesystem::create_directories(disk);
+	std::filesystem::remove(number);
+	ExpectNotFound(EXDEV);
+
+	std::filesystem::remove(disk);
+	std::filesystem::remove_all("/sys/fs/btrfs/" + uuid);
 }
 
 TEST_P(ChunkTest, NullPathsAreRefused)
