@@ -3,6 +3,7 @@
 #include "kit/files.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <sstream>
 #include <string_view>
@@ -40,6 +41,26 @@ std::string OtherOf(const std::string &parameter)
 	                                                  {"vm.dirty_background_bytes", "dirty_background_ratio"}};
 	const auto found = pairs.find(parameter);
 	return found == pairs.end() ? "" : "/proc/sys/vm/" + found->second;
+}
+
+// A tunable of one scheduler that is shown in two units.
+void SetSliceIdle(const fs::path &tunables, long microseconds)
+{
+	WriteFile(tunables / "slice_idle", std::to_string(microseconds / 1000) + '\n');
+	if (fs::exists(tunables / "slice_idle_us"))
+		WriteFile(tunables / "slice_idle_us", std::to_string(microseconds) + '\n');
+}
+
+void SetTunable(const fs::path &path, const std::string &value)
+{
+	const fs::path folder = path.parent_path();
+	WriteFile(path, value + '\n');
+	if (path.filename() == "strict_guarantees" && value != "0")
+		SetSliceIdle(folder, 8000);
+	if (path.filename() == "slice_idle")
+		SetSliceIdle(folder, strtol(value.c_str(), nullptr, 10) * 1000);
+	if (path.filename() == "slice_idle_us")
+		SetSliceIdle(folder, strtol(value.c_str(), nullptr, 10));
 }
 
 } // namespace
@@ -101,9 +122,7 @@ void KernelReactions::After(const std::string &line)
 	const std::string path = line.substr(0, separator);
 	const std::string value = line.substr(separator + 2);
 	if (!IsScheduler(path)) {
-		WriteFile(path, value + '\n');
-		if (path.ends_with("/strict_guarantees") && value != "0")
-			WriteFile(fs::path(path).parent_path() / "slice_idle", Tunables("bfq").at("slice_idle") + '\n');
+		SetTunable(path, value);
 		return;
 	}
 	WriteFile(path, Select(schedulers, value));

@@ -14,7 +14,8 @@
 namespace kit {
 
 /// While the object lives,
-///  - an attribute that is written holds that value and nothing else;
+///  - an attribute that is written holds that value and nothing else, but for a tunable that is shown in milliseconds and in
+///    microseconds;
 ///  - a scheduler that is written is the active one, and its disk has this scheduler's tunables, with their defaults;
 ///  - of vm.dirty_ratio and vm.dirty_bytes, and of the two for the background, the one that is not written becomes 0.
 /// Programs are run. Objects do not nest, nor with Timeline or Programs.

@@ -798,7 +798,7 @@ class Devices(Machine):
    ├─ /dev/sdb  rotating
    └─ [volume] leaves it alone: not on SSDs only
 RAID arrays
-├─ /dev/md0  raid5, 3 disks, of which only 2 there
+├─ /dev/md0  raid5, 3 disks, of which only 2 in use
 │  ├─ /dev/sda2 on /dev/sda
 │  ├─ /dev/sdb2 on /dev/sdb
 │  └─ [raid_cfq_5] and [raid_cfq_default] change its disks' tunables
@@ -859,16 +859,17 @@ disks
                         "alternative_device": None, "disks": [ssd, ssd | {"device": "/dev/sdb", "ssd": False}],
                         "ssd_only": False}],
             "arrays": [
-                {"device": "/dev/md0", "level": "raid5", "disks": 3, "active": True,
-                 "members": [{"device": "/dev/sda2", "disk": "/dev/sda", "error": None},
-                             {"device": "/dev/sdb2", "disk": "/dev/sdb", "error": None}],
+                {"device": "/dev/md0", "level": "raid5", "disks": 3, "active": True, "lacking": 1, "broken": False,
+                 "members": [{"device": "/dev/sda2", "disk": "/dev/sda", "failed": False, "error": None},
+                             {"device": "/dev/sdb2", "disk": "/dev/sdb", "failed": False, "error": None}],
                  "sections": ["raid_cfq_5", "raid_cfq_default"]},
-                {"device": "/dev/md1", "level": "raid1", "disks": 2, "active": True,
-                 "members": [{"device": "/dev/nvme0n1", "disk": "/dev/nvme0n1", "error": None},
-                             {"device": "/dev/sdc", "disk": "/dev/sdc", "error": None}],
+                {"device": "/dev/md1", "level": "raid1", "disks": 2, "active": True, "lacking": 0, "broken": False,
+                 "members": [{"device": "/dev/nvme0n1", "disk": "/dev/nvme0n1", "failed": False, "error": None},
+                             {"device": "/dev/sdc", "disk": "/dev/sdc", "failed": False, "error": None}],
                  "sections": ["raid_cfq_1", "raid_cfq_default"]},
-                {"device": "/dev/md2", "level": "raid1", "disks": 0, "active": False,
-                 "members": [{"device": "/dev/sdb1", "disk": "/dev/sdb", "error": None}], "sections": []}],
+                {"device": "/dev/md2", "level": "raid1", "disks": 0, "active": False, "lacking": 0, "broken": False,
+                 "members": [{"device": "/dev/sdb1", "disk": "/dev/sdb", "failed": False, "error": None}],
+                 "sections": []}],
             "disks": [
                 self.disk("/dev/nvme0n1", "nvme", True, "none", ["none"], sections=["disk"]),
                 self.disk("/dev/sda", "sata", True, "mq-deadline", ["mq-deadline", "none"], sections=["disk"],
@@ -974,7 +975,9 @@ RAID arrays: none
         hardware.array("md0", "raid1", "2", ["cciss!c0d0"])
         shown = json.loads(self.succeeds("devices", "--json"))
         self.assertEqual(shown["arrays"][0]["members"],
-                         [{"device": "/dev/cciss/c0d0", "disk": "/dev/cciss/c0d0", "error": None}])
+                         [{"device": "/dev/cciss/c0d0", "disk": "/dev/cciss/c0d0", "failed": False, "error": None}])
+        hardware.attribute("md0", "md/dev-cciss!c0d0/state", "faulty")
+        self.assertTrue(json.loads(self.succeeds("devices", "--json"))["arrays"][0]["members"][0]["failed"])
         self.assertEqual((shown["disks"][0]["device"], shown["disks"][0]["kernel_name"]),
                          ("/dev/cciss/c0d0", "cciss!c0d0"))
 
@@ -983,6 +986,43 @@ RAID arrays: none
         self.hardware.mount("/a\x1b[31m\\012b", "btrfs", "/dev/sda", "0:40", self.UUID)
         self.assertIn("\n└─ /a\\x1B[31m\\x0Ab  btrfs on /dev/sda, SSDs only\n", self.succeeds("devices"))
         self.assertEqual(json.loads(self.succeeds("devices", "--json"))["volumes"][0]["path"], "/a\x1b[31m\nb")
+
+    def test_what_an_array_lacks(self):
+        hardware = self.hardware
+        hardware.disk("sda", "sata", "1", "[none]", partitions=3)
+        hardware.disk("sdb", "sata", "1", "[none]", partitions=3)
+        members = ["sda1", "sda2", "sdb1"]
+        hardware.array("md0", "raid5", "3", members)
+        folder = f"{hardware.sys}/class/block/md0/md"
+        for state_of_array, degraded, states, lacking, failed, broken, line in [
+                ("clean", "0", ["in_sync", "in_sync", "in_sync"], 0, [], False, "raid5, 3 disks"),
+                ("active", "1", ["in_sync", "faulty", "in_sync"], 1, [1], False, "raid5, 3 disks, of which only 2 in use"),
+                # One that is being rebuilt on.
+                ("active", "1", ["in_sync", "spare", "in_sync"], 1, [], False, "raid5, 3 disks, of which only 2 in use"),
+                ("clean", "2", ["faulty,blocked", "want_replacement,faulty", "in_sync"], 2, [0, 1], False,
+                 "raid5, 3 disks, of which only 1 in use"),
+                # Has no such file, as its level knows no such state.
+                ("broken", None, ["in_sync", "faulty", None], 1, [1], True, "raid5, 3 disks, of which only 2 in use, broken"),
+                ("clean", None, ["not_faulty", "x", ""], 0, [], False, "raid5, 3 disks"),
+                ("clean", "7", ["in_sync", "in_sync", "in_sync"], 3, [], False, "raid5, 3 disks, of which only 0 in use"),
+                ("clean", "-1", ["in_sync", "in_sync", "in_sync"], 0, [], False, "raid5, 3 disks"),
+                ("clean", "18446744073709551615", ["in_sync", "in_sync", "in_sync"], 3, [], False,
+                 "raid5, 3 disks, of which only 0 in use"),
+                ("clean", "18446744073709551616", ["in_sync", "in_sync", "in_sync"], 0, [], False, "raid5, 3 disks")]:
+            with self.subTest(degraded=degraded, states=states):
+                shutil.rmtree(folder)
+                hardware.attribute("md0", "md/level", "raid5")
+                hardware.attribute("md0", "md/raid_disks", "3")
+                hardware.attribute("md0", "md/array_state", state_of_array)
+                if degraded:
+                    hardware.attribute("md0", "md/degraded", degraded)
+                for member, state in zip(members, states):
+                    if state is not None:
+                        hardware.attribute("md0", f"md/dev-{member}/state", state)
+                shown = json.loads(self.succeeds("devices", "--json"))["arrays"][0]
+                self.assertEqual((shown["lacking"], shown["broken"], [one["failed"] for one in shown["members"]]),
+                                 (lacking, broken, [number in failed for number in range(3)]))
+                self.assertIn(f" /dev/md0  {line}\n", self.succeeds("devices"))
 
     def test_what_cannot_be_listed_at_all_is_a_failure(self):
         unreadable = " cannot be read; see the kernel's log (dmesg), and whether /proc and /sys are mounted"

@@ -123,10 +123,10 @@ class Operator(Machine):
         self.addCleanup(os.chmod, path, os.stat(path).st_mode)
         os.chmod(path, mode)
 
-    def keep(self, *entries, version=1, name="x", selected_before="x"):
+    def keep(self, *entries, version=1, name="x", selected_before="x", applied=True):
         """Leaves kept values as an earlier command would."""
         return write(STATE, json.dumps({
-            "version": version, "profile": name, "selected_before": selected_before,
+            "version": version, "profile": name, "selected_before": selected_before, "applied": applied,
             "values": [{"target": target, "path": path, "before": before, "wanted": wanted, "after": after}
                        for target, path, before, wanted, after in entries]}))
 
@@ -409,6 +409,7 @@ class Keeping(Operator):
                     self.assertEqual(kept(), {
                         "version": 1, "profile": "x",
                         "selected_before": "x" if command == ["apply"] or umask else "performance_throughput",
+                        "applied": True,
                         "values": [
                             {"target": "vm.swappiness", "path": PARAMETERS + "/swappiness", "before": "60",
                              "wanted": "5", "after": "5"},
@@ -756,7 +757,8 @@ class StateFile(Operator):
         entry = good["values"][0]
         damaged = [b"", b"\0", b"nonsense", b"[]", b"{}", b"null", b"1", read(STATE)[:-2], b"[" * 5000, b"\xff\xfe{}",
                    good | {"version": 2}, good | {"version": "1"}, good | {"version": None}, good | {"profile": 1},
-                   good | {"selected_before": None}, good | {"values": {}}, good | {"values": [1]},
+                   good | {"selected_before": None}, good | {"applied": 1},
+                   good | {"values": {}}, good | {"values": [1]},
                    good | {"values": [entry, []]}]
         damaged += [{key: good[key] for key in good if key != gone} for gone in good]
         damaged += [good | {"values": [{key: entry[key] for key in entry if key != gone}]}

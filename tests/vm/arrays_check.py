@@ -286,12 +286,12 @@ class Levels(Machine):
         for array in devices["arrays"]:
             parity = array["level"] in ["raid4", "raid5", "raid6"]
             self.assertEqual(array["sections"], ["raid_cfq_5" if parity else "raid_cfq_1", "raid_cfq_default"])
-            self.assertTrue(array["active"])
+            self.assertEqual((array["active"], array["lacking"], array["broken"]), (True, 0, False))
             for member in array["members"]:
                 # The kernel's own links say what a partition is of.
                 link = os.path.realpath("/sys/class/block/" + os.path.basename(member["device"]))
                 disk = os.path.dirname(link) if os.path.exists(link + "/partition") else link
-                self.assertEqual((member["disk"], member["error"]), ("/dev/" + os.path.basename(disk), None))
+                self.assertEqual((member["disk"], member["failed"], member["error"]), ("/dev/" + os.path.basename(disk), False, None))
 
         self.assertEqual([disk["kernel_name"] for disk in devices["disks"]], self.disks)
         types = {disk: "sas" for disk in self.hdds + self.ssds} | {self.nvme: "nvme", self.virtio: "virtual"}
@@ -323,8 +323,9 @@ class Levels(Machine):
             self.assertEqual(self.changes(before), written)
             states = {entry["path"]: entry["state"] for entry in self.json("verify", status=1)["values"]}
             self.assertEqual({path for path, state in states.items() if state == "holds"}, set(written))
-            self.assertEqual(states[first], "refused")
-            self.assertIn(tunable(self.hdds[2], "front_merges"), states)
+            # It has refused this one, and was never given those behind it.
+            self.assertEqual((states[first], states[tunable(self.hdds[2], "front_merges")]), ("differs", "differs"))
+            self.assertEqual(set(states.values()), {"holds", "differs"})
             self.tool("undo")
             self.assertEqual(self.changes(before), {})
 
@@ -380,6 +381,37 @@ class Levels(Machine):
         self.assertEqual(read(path), "8")
         self.tool("undo")
         self.assertEqual(self.changes(before), {})
+        self.lines()
+
+    def test_tunable_in_two_units(self):
+        folder = os.path.dirname(tunable(self.hdds[1], "slice_idle"))
+        for found, keys, microseconds in [("0", "slice_idle = 3\nslice_idle_us = 2500\n", "2500"),
+                                          ("700", "slice_idle_us = 2500\nslice_idle = 3\n", "3000"),
+                                          ("8500", "slice_idle = 0\n", "0")]:
+            write(folder + "/slice_idle_us", found)
+            self.profile("mine", "[raid_cfq_5]\n" + keys)
+            before = snapshot()
+            self.assertNotIn("refused or changed", self.tool("set", "mine"))
+            self.assertEqual((read(folder + "/slice_idle_us"), read(folder + "/slice_idle")),
+                             (microseconds, str(int(microseconds) // 1000)))
+            self.tool("verify")
+            self.tool("undo")
+            self.assertEqual(self.changes(before), {})
+        self.lines()
+
+    def test_numbers_are_read_as_each_scheduler_does(self):
+        for value, decimal, other in [("010", "10", "8"), ("0020", "20", "16")]:
+            self.profile("mine", f"[raid_cfq_5]\nback_seek_max = {value}\nread_lat_nsec = {value}\nfifo_batch = {value}\n")
+            before = snapshot()
+            self.assertNotIn("refused or changed", self.tool("set", "mine"))
+            names = {"back_seek_max": decimal, "read_lat_nsec": decimal, "fifo_batch": other}
+            changes = self.changes(before)
+            self.assertEqual(changes, {path: names[os.path.basename(path)] for path in changes})
+            # 16 is what fifo_batch is from the start.
+            self.assertEqual({os.path.basename(path) for path in changes}, names.keys() - ({"fifo_batch"} if other == "16" else set()))
+            self.tool("verify")
+            self.tool("undo")
+            self.assertEqual(self.changes(before), {})
         self.lines()
 
     def test_disk_section_changes_ssds_and_undo_their_tunables(self):
@@ -552,10 +584,11 @@ class States(Machine):
         for disk in disks:
             write(tunable(disk, "fifo_batch"), before[tunable(disk, "fifo_batch")])
 
-    def shows(self, device, level, count):
-        """The tool has the kernel's members. Returns them, and the tool's line for people."""
+    def shows(self, device, level, count, lacking=0):
+        """The tool has the kernel's members. Returns them."""
         array = self.array(device)
-        self.assertEqual((array["level"], array["disks"], array["active"]), (level, count, count > 0))
+        self.assertEqual((array["level"], array["disks"], array["active"], array["lacking"], array["broken"]),
+                         (level, count, count > 0, lacking, False))
         self.assertEqual([member["device"] for member in array["members"]], ["/dev/" + name for name in slaves(device)])
         self.assertEqual(array["sections"] != [], count > 1)
         return slaves(device)
@@ -575,19 +608,21 @@ class States(Machine):
         program("mdadm", "/dev/md5", "--fail", "/dev/" + two)
         until(lambda: md("md5", "sync_action") == "recover", "recovery")
         self.assertEqual((md("md5", f"dev-{two}/state").split(",")[0], md("md5", "degraded")), ("faulty", "1"))
-        self.assertIn(two, self.shows("md5", "raid5", 3))
+        self.assertIn(two, self.shows("md5", "raid5", 3, lacking=1))
+        self.assertEqual([member["device"] for member in self.array("md5")["members"] if member["failed"]], ["/dev/" + two])
+        self.assertEqual(self.line("md5"), "raid5, 3 disks, of which only 2 in use")
         self.tunes(one, two, three, spare)
 
         program("mdadm", "/dev/md5", "--remove", "/dev/" + two)
         self.assertEqual(md("md5", "sync_action"), "recover")
-        self.assertEqual(self.shows("md5", "raid5", 3), sorted([one, three, spare]))
+        self.assertEqual(self.shows("md5", "raid5", 3, lacking=1), sorted([one, three, spare]))
         self.tunes(one, three, spare)
 
         program("mdadm", "/dev/md5", "--fail", "/dev/" + spare)
         until(lambda: md("md5", "sync_action") == "idle", "recovery that ends")
         program("mdadm", "/dev/md5", "--remove", "/dev/" + spare)
-        self.assertEqual(self.shows("md5", "raid5", 3), sorted([one, three]))
-        self.assertEqual(self.line("md5"), "raid5, 3 disks, of which only 2 there")
+        self.assertEqual(self.shows("md5", "raid5", 3, lacking=1), sorted([one, three]))
+        self.assertEqual(self.line("md5"), "raid5, 3 disks, of which only 2 in use")
         self.tunes(one, three)
 
         program("mdadm", "--stop", "/dev/md5")
@@ -601,7 +636,7 @@ class States(Machine):
         self.tunes()
         # Started at last, with what there is.
         program("mdadm", "--incremental", "--run", "/dev/" + three)
-        self.assertEqual(self.shows("md5", "raid5", 3), sorted([one, three]))
+        self.assertEqual(self.shows("md5", "raid5", 3, lacking=1), sorted([one, three]))
         self.tunes(one, three)
         self.lines()
 
@@ -699,6 +734,8 @@ class States(Machine):
         arrays = {array["device"]: array for array in self.json("devices")["arrays"]}
         self.assertEqual([member["device"] for member in arrays["/dev/md0"]["members"]],
                          sorted([f"/dev/{pulled}1", "/dev/" + self.hdds[2]]))
+        self.assertEqual([(arrays[device]["broken"], arrays[device]["lacking"]) for device in ["/dev/md0", "/dev/md5"]],
+                         [(True, 0), (False, 0)])
         self.assertEqual([member["disk"] for member in arrays["/dev/md5"]["members"]],
                          ["/dev/" + disk for disk in sorted([pulled, stays, other])])
         self.assertEqual(self.passed_over(self.json("plan", "mine"))[0],

@@ -16,13 +16,13 @@ namespace {
 
 bool IsUntouched(const KeptValue &value)
 {
-	return value.after && IsSameValue(*value.after, value.before);
+	return value.after && IsSameValue(value.path, *value.after, value.before);
 }
 
 // After an application. What a failed one has not even begun to change leaves nothing to undo but what was there before.
-void Save(const KeptValues &kept, bool applied, const std::optional<KeptValues> &older)
+void Save(const KeptValues &kept, const std::optional<KeptValues> &older)
 {
-	if (applied || !std::all_of(kept.values.begin(), kept.values.end(), IsUntouched))
+	if (kept.applied || !std::all_of(kept.values.begin(), kept.values.end(), IsUntouched))
 		SaveKept(kept);
 	else if (older)
 		SaveKept(*older);
@@ -57,9 +57,9 @@ std::string ApplyKeeping(const std::string &profile, int (*apply)(const std::str
 	const bool applied = apply(profile) == 0;
 	// The library gives no reason where it is no error of its own, such as an attribute that the kernel does not have.
 	std::string reason = VUNKCErrGet() == VUNKC_ERR_NONE && !plan.failure.empty() ? plan.failure : ErrorText();
-	ReadBack(kept);
+	ReadBack(kept, applied);
 	try {
-		Save(kept, applied, older);
+		Save(kept, older);
 	} catch (const Failure &) {
 		// The one from before the application tells what to restore, which is what counts.
 	}

@@ -118,6 +118,7 @@ Array Examine(const RAIDINFO &record)
 	array.diskCount = record.nDisk;
 	for (const RAIDMEMBER *member = record.pMembers; member != nullptr; member = member->pNext)
 		array.members.push_back(Examine(*member));
+	ReadArrayState(array);
 	return array;
 }
 

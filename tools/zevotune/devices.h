@@ -29,6 +29,7 @@ struct ArrayMember {
 	std::string device;
 	std::string disk; // "" if unknown
 	std::string error;
+	bool failed = false; // still there, but no longer used
 };
 
 struct Array {
@@ -36,6 +37,8 @@ struct Array {
 	std::string level;      // "" when the kernel does not say
 	unsigned levelFlag = 0; // one of RAID_LEVEL_..., 0 for a level without a flag
 	unsigned diskCount = 0; // that it is made for; 0 when it is not active
+	unsigned lacking = 0;   // of these: gone, failed, or being rebuilt
+	bool broken = false;    // it lacks more than its level can do without
 	std::vector<ArrayMember> members;
 };
 
@@ -68,5 +71,8 @@ Machine ExamineMachine();
 
 /// @param disk  the disk's kernel name.
 Queue ReadQueue(const std::string &disk);
+
+/// Fills in which of an array's disks have failed and are lacking, and whether it is broken.
+void ReadArrayState(Array &array);
 
 #endif

@@ -90,19 +90,25 @@ std::string WhatRaidSectionsDo(const Array &array)
 
 Node ToNode(const ArrayMember &member)
 {
+	std::string text = Printable(member.device);
+	const bool onDisk = member.disk != member.device;
+	if (member.failed)
+		text += onDisk ? ", failed," : ", failed";
 	if (member.disk.empty())
-		return {Printable(member.device) + " on an unknown disk: " + Printable(member.error)};
-	if (member.disk == member.device)
-		return {Printable(member.device)};
-	return {Printable(member.device) + " on " + Printable(member.disk)};
+		text += " on an unknown disk: " + Printable(member.error);
+	else if (onDisk)
+		text += " on " + Printable(member.disk);
+	return {text};
 }
 
 Node ToNode(const Array &array)
 {
 	Node node{Printable(array.device) + "  " + (array.level.empty() ? "level unknown" : Printable(array.level))};
 	node.text += ", " + (array.diskCount == 0 ? "not active" : Disks(array.diskCount));
-	if (array.members.size() < array.diskCount)
-		node.text += ", of which only " + std::to_string(array.members.size()) + " there";
+	if (array.lacking > 0)
+		node.text += ", of which only " + std::to_string(array.diskCount - array.lacking) + " in use";
+	if (array.broken)
+		node.text += ", broken";
 	for (const ArrayMember &member : array.members)
 		node.below.push_back(ToNode(member));
 	node.below.push_back({WhatRaidSectionsDo(array)});
@@ -216,6 +222,7 @@ Json::Value ToJson(const ArrayMember &member)
 	Json::Value entry;
 	entry["device"] = member.device;
 	entry["disk"] = TextOrNull(member.disk);
+	entry["failed"] = member.failed;
 	entry["error"] = TextOrNull(member.error);
 	return entry;
 }
@@ -227,6 +234,8 @@ Json::Value ToJson(const Array &array)
 	entry["level"] = TextOrNull(array.level);
 	entry["disks"] = array.diskCount;
 	entry["active"] = array.diskCount > 0;
+	entry["lacking"] = array.lacking;
+	entry["broken"] = array.broken;
 	entry["members"] = ToJson(array.members);
 	entry["sections"] = ToJson(SectionsOf(array));
 	return entry;

@@ -142,8 +142,9 @@ holds now; without NAME, of the selected profile:
   changed since it was applied it had it then, and has another one now
   refused by the kernel        it did not take it, or corrected it
   differs                      it has another one, and which of these two it is
-                               is not known: the profile was not applied by
-                               "zevotune" since the boot, or you are not root
+                               is not known: since the boot "zevotune" has not
+                               applied the profile, or not to its end, or you
+                               are not root
   cannot be read               by you, or by anybody
 Values that this kernel does not know count neither way. Where several profiles,
 sections or lines give the same value, the last one counts. Nothing is changed.
@@ -204,8 +205,9 @@ The branches are drawn in ASCII unless the locale's character set is UTF-8.
            disks (objects with device, ssd, error; null: unknown), ssd_only,
            sections, error
   arrays   objects with device, level, disks (how many it is made for, 0 when
-           not active), active, members (objects with device, disk, error),
-           sections
+           not active), active, lacking (how many of them are gone, failed or
+           being rebuilt), broken (it lacks too many), members (objects with
+           device, disk, failed, error), sections
   disks    objects with device, kernel_name, type ("sata", "sas", "nvme",
            "virtual", "external", "emmc"), ssd, scheduler (the active one),
            schedulers (all), tunables, sections, error

@@ -49,13 +49,6 @@ void KeepQueueLength(KeptValues &kept, const std::string &schedulerPath)
 	Keep(kept, path, path, std::nullopt);
 }
 
-std::string SysctlName(const std::string &path)
-{
-	std::string name = path.substr(sizeof("/proc/sys/") - 1);
-	std::replace(name.begin(), name.end(), '/', '.');
-	return name;
-}
-
 std::optional<std::string> TextOf(const Json::Value &value)
 {
 	return value.isString() ? std::optional(value.asString()) : std::nullopt;
@@ -75,13 +68,13 @@ bool IsTextOrNull(const Json::Value &value)
 
 KeptValues ValuesToKeep(const Plan &plan, const std::string &selectedNow)
 {
-	KeptValues kept{plan.profile, selectedNow, {}};
+	KeptValues kept{plan.profile, selectedNow, {}, false};
 	for (const PlaceOfWrite &place : WritesOf(plan)) {
 		const PlannedWrite &write = *place.write;
 		if (!write.known)
 			continue;
 		Keep(kept, write.target, write.path, std::nullopt);
-		if (const std::string other = OtherOfPair(write.path); !other.empty())
+		if (const std::string other = OtherOfPair(write.path); IsSysctlPath(other))
 			Keep(kept, SysctlName(other), other, std::nullopt);
 		if (IsSchedulerPath(write.path) && Changes(write)) {
 			KeepQueueLength(kept, write.path);
@@ -105,7 +98,7 @@ void KeepOlderValues(KeptValues &kept, const KeptValues &older)
 	kept.selectedBefore = older.selectedBefore;
 	for (KeptValue &value : kept.values) {
 		const KeptValue *old = FindKept(older, value.path);
-		if (old != nullptr && (!old->after || IsSameValue(*old->after, value.before)))
+		if (old != nullptr && (!old->after || IsSameValue(value.path, *old->after, value.before)))
 			value.before = old->before;
 	}
 	// Tunables that came with a scheduler will go with it.
@@ -119,8 +112,9 @@ void KeepOlderValues(KeptValues &kept, const KeptValues &older)
 			kept.values.push_back({old.target, old.path, old.before, std::nullopt, old.after});
 }
 
-void ReadBack(KeptValues &kept)
+void ReadBack(KeptValues &kept, bool applied)
 {
+	kept.applied = applied;
 	for (KeptValue &value : kept.values)
 		value.after = ReadKernelValue(value.path).text;
 	// Tunables that were kept because another one of their scheduler might have changed them, and has not.
@@ -143,6 +137,7 @@ Json::Value ToJson(const KeptValues &kept)
 	result["version"] = kVersion;
 	result["profile"] = kept.profile;
 	result["selected_before"] = kept.selectedBefore;
+	result["applied"] = kept.applied;
 	result["values"] = Json::Value(Json::arrayValue);
 	for (const KeptValue &value : kept.values) {
 		Json::Value entry;
@@ -159,9 +154,10 @@ Json::Value ToJson(const KeptValues &kept)
 std::optional<KeptValues> KeptFromJson(const Json::Value &value)
 {
 	if (!value.isObject() || value["version"] != kVersion || !value["profile"].isString() ||
-	    !value["selected_before"].isString() || !value["values"].isArray())
+	    !value["selected_before"].isString() || !value["applied"].isBool() || !value["values"].isArray())
 		return std::nullopt;
-	KeptValues kept{value["profile"].asString(), value["selected_before"].asString(), {}};
+	KeptValues kept{
+		value["profile"].asString(), value["selected_before"].asString(), {}, value["applied"].asBool()};
 	for (const Json::Value &entry : value["values"]) {
 		if (!entry.isObject() || !entry["target"].isString() || !entry["path"].isString() ||
 		    !entry["before"].isString() || !IsTextOrNull(entry["wanted"]) || !IsTextOrNull(entry["after"]) ||

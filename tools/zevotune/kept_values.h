@@ -26,6 +26,7 @@ struct KeptValues {
 	std::string profile;
 	std::string selectedBefore; // the profile that was selected then
 	std::vector<KeptValue> values;
+	bool applied = false; // the application has come to its end, having written all that it wanted to
 
 	bool operator==(const KeptValues &) const = default;
 };
@@ -38,8 +39,8 @@ KeptValues ValuesToKeep(const Plan &plan, const std::string &selectedNow);
 /// changed a value since.
 void KeepOlderValues(KeptValues &kept, const KeptValues &older);
 
-/// Fills in what was read back.
-void ReadBack(KeptValues &kept);
+/// Fills in what was read back, and whether the application came to its end.
+void ReadBack(KeptValues &kept, bool applied);
 
 const KeptValue *FindKept(const KeptValues &kept, const std::string &path);
 

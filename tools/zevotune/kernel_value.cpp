@@ -1,7 +1,10 @@
 #include "kernel_value.h"
 
+#include "scheduler_tunables.h"
+
 #include "support/handles.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -44,16 +47,26 @@ std::string Selected(const std::string &offered)
 	return end == std::string::npos ? offered : offered.substr(begin + 1, end - begin - 1);
 }
 
-// Numbers may be written in octal and hexadecimal.
-bool IsSameWord(const std::string &a, const std::string &b)
+std::string NameIn(const std::string &path)
+{
+	return path.substr(path.rfind('/') + 1);
+}
+
+// Parameters take octal and hexadecimal numbers, and so do the tunables of one scheduler; those of others are decimal.
+int NumberBase(const std::string &path)
+{
+	return SchedulerPathOf(path).empty() || TunablesOf("mq-deadline").contains(NameIn(path)) ? 0 : 10;
+}
+
+bool IsSameWord(const std::string &a, const std::string &b, int base)
 {
 	if (a == b)
 		return true;
 	char *endOfA = nullptr;
 	char *endOfB = nullptr;
 	errno = 0;
-	const long long numberA = strtoll(a.c_str(), &endOfA, 0);
-	const long long numberB = strtoll(b.c_str(), &endOfB, 0);
+	const long long numberA = strtoll(a.c_str(), &endOfA, base);
+	const long long numberB = strtoll(b.c_str(), &endOfB, base);
 	return errno == 0 && *endOfA == '\0' && *endOfB == '\0' && numberA == numberB;
 }
 
@@ -118,6 +131,13 @@ std::string SysctlPath(std::string_view name)
 	return std::string(kParameters) + path;
 }
 
+std::string SysctlName(const std::string &path)
+{
+	std::string name = path.substr(kParameters.size());
+	std::replace(name.begin(), name.end(), '/', '.');
+	return name;
+}
+
 bool IsSysctlPath(std::string_view path)
 {
 	return path.starts_with(kParameters);
@@ -134,19 +154,20 @@ std::string SchedulerPathOf(const std::string &tunablePath)
 	return folder == std::string::npos ? "" : tunablePath.substr(0, folder) + "/scheduler";
 }
 
-bool IsSameValue(std::string_view a, std::string_view b)
+bool IsSameValue(const std::string &path, std::string_view a, std::string_view b)
 {
+	const int base = NumberBase(path);
 	const std::vector<std::string> wordsOfA = Words(a);
 	const std::vector<std::string> wordsOfB = Words(b);
 	if (wordsOfA.size() != wordsOfB.size())
 		return false;
 	for (size_t i = 0; i < wordsOfA.size(); ++i)
-		if (!IsSameWord(wordsOfA[i], wordsOfB[i]))
+		if (!IsSameWord(wordsOfA[i], wordsOfB[i], base))
 			return false;
 	return true;
 }
 
-std::string OtherOfPair(std::string_view path)
+std::string OtherOfPair(const std::string &path)
 {
 	static constexpr const char *kPairs[][2] = {
 		{"/proc/sys/vm/dirty_ratio", "/proc/sys/vm/dirty_bytes"},
@@ -158,5 +179,10 @@ std::string OtherOfPair(std::string_view path)
 		if (path == bytes)
 			return ratio;
 	}
-	return "";
+	if (SchedulerPathOf(path).empty())
+		return "";
+	const std::string unit = "_us";
+	const std::string other = path.ends_with(unit) ? path.substr(0, path.size() - unit.size()) : path + unit;
+	const std::set<std::string> known = KnownTunables();
+	return known.contains(NameIn(path)) && known.contains(NameIn(other)) ? other : "";
 }

@@ -24,6 +24,9 @@ KernelValue ReadKernelValue(const std::string &path);
 /// The file of a kernel parameter, whose name is written with dots or with slashes.
 std::string SysctlPath(std::string_view name);
 
+/// The name of a kernel parameter, with dots, by the path of its file.
+std::string SysctlName(const std::string &path);
+
 bool IsSysctlPath(std::string_view path);
 bool IsSchedulerPath(std::string_view path);
 
@@ -31,11 +34,12 @@ bool IsSchedulerPath(std::string_view path);
 /// "" for other paths.
 std::string SchedulerPathOf(const std::string &tunablePath);
 
-/// Whether the kernel takes both for the same: blanks and the notation of numbers do not count.
-bool IsSameValue(std::string_view a, std::string_view b);
+/// Whether both are the same when they are written to the kernel's file at a path: blanks do not count, nor does the notation
+/// of numbers where the file takes several.
+bool IsSameValue(const std::string &path, std::string_view a, std::string_view b);
 
-/// The parameter that the kernel sets to 0 when this one is written, ratio for bytes and bytes for ratio; "" for others.
-/// By path.
-std::string OtherOfPair(std::string_view path);
+/// The parameter that the kernel changes when this one is written, as both are one setting: bytes of a ratio, which writing the
+/// ratio makes 0, microseconds of milliseconds, and the other way round; "" for others. By path.
+std::string OtherOfPair(const std::string &path);
 
 #endif

@@ -12,5 +12,5 @@ std::vector<PlaceOfWrite> WritesOf(const Plan &plan)
 
 bool Changes(const PlannedWrite &write)
 {
-	return write.known && (!write.now.text || !IsSameValue(*write.now.text, write.value));
+	return write.known && (!write.now.text || !IsSameValue(write.path, *write.now.text, write.value));
 }

@@ -40,8 +40,9 @@ std::string NoteOf(const PlannedWrite &write)
 		add("this kernel does not have it");
 	else if (write.overwrittenLater)
 		add("overwritten below");
-	else if (!OtherOfPair(write.path).empty() && Changes(write))
-		add("makes vm." + OtherOfPair(write.path).substr(sizeof("/proc/sys/vm/") - 1) + " 0");
+	else if (const std::string other = OtherOfPair(write.path); !other.empty() && Changes(write))
+		add(IsSysctlPath(other) ? "makes " + SysctlName(other) + " 0"
+		                        : "changes " + other.substr(other.rfind('/') + 1) + ", too");
 	return note;
 }
 

@@ -120,7 +120,7 @@ int PlanRecorder::WriteThreadLimit(const char *szPath, int nThreadMax)
 	PlannedWrite &write = Add(szPath, szPath, value);
 	if (Key().value == "auto")
 		write.note = "one thread for eight of " + processors;
-	else if (!IsSameValue(Key().value, value))
+	else if (!IsSameValue(szPath, Key().value, value))
 		write.note = Key().value + ", but not more than the " + processors;
 	return RequireAttribute(szPath);
 }

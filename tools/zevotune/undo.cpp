@@ -10,7 +10,7 @@ namespace {
 
 bool IsAsBefore(const KernelValue &value, const KeptValue &kept)
 {
-	return value.text && IsSameValue(*value.text, kept.before);
+	return value.text && IsSameValue(kept.path, *value.text, kept.before);
 }
 
 bool IsAsBeforeNow(const KeptValue &kept)
@@ -22,7 +22,7 @@ bool IsAsBeforeNow(const KeptValue &kept)
 bool IsClearedByOther(const KeptValues &kept, const KeptValue &value)
 {
 	const KeptValue *other = FindKept(kept, OtherOfPair(value.path));
-	return other != nullptr && IsSameValue(value.before, "0") && !IsSameValue(other->before, "0");
+	return other != nullptr && value.before == "0" && other->before != "0";
 }
 
 // Through the same doors as an application. Whether it has worked is seen by reading it.

@@ -45,9 +45,13 @@ State StateOf(const PlannedWrite &write, const KeptValues *kept)
 	if (!Changes(write))
 		return State::kHolds;
 	const KeptValue *value = kept == nullptr ? nullptr : FindKept(*kept, write.path);
-	if (value == nullptr || !value->after || !value->wanted || !IsSameValue(*value->wanted, write.value))
+	if (value == nullptr || !value->after || !value->wanted ||
+	    !IsSameValue(write.path, *value->wanted, write.value))
 		return State::kDiffers;
-	return IsSameValue(*value->after, *value->wanted) ? State::kChanged : State::kRefused;
+	if (IsSameValue(write.path, *value->after, *value->wanted))
+		return State::kChanged;
+	// What stands behind the place where an application ended was never written.
+	return kept->applied ? State::kRefused : State::kDiffers;
 }
 
 size_t CountOf(const std::vector<VerifiedValue> &values, bool (*counts)(State))

@@ -5,6 +5,7 @@
 #include "verification.h"
 
 #include <zevotuned/apply.h>
+#include <zevotuned/system_access.h>
 
 #include <algorithm>
 
@@ -18,7 +19,7 @@ protected:
 	{
 		KeptValues kept = ValuesToKeep(MakePlan(profile), "before");
 		EXPECT_EQ(TuneApplyProfile(profile.c_str()), status);
-		ReadBack(kept);
+		ReadBack(kept, status == 0);
 		return kept;
 	}
 
@@ -28,13 +29,19 @@ protected:
 		return std::all_of(values.begin(), values.end(), IsRestored);
 	}
 
+	static void SetSliceIdle(const std::string &disk, const std::string &microseconds)
+	{
+		const std::string path = "/sys/block/" + disk + "/queue/iosched/slice_idle_us";
+		TuneParameterWrite(path.c_str(), microseconds.c_str(), microseconds.size());
+	}
+
 	StorageBox box;
 	kit::KernelReactions kernel;
 };
 
 TEST_F(UndoTest, RestoresSchedulersWithTheirTunablesAndRatios)
 {
-	kit::WriteFile("/sys/block/sda/queue/iosched/slice_idle", "3\n");
+	SetSliceIdle("sda", "3000");
 	const Files before = KernelFiles();
 	const KeptValues kept = Apply("performance_latency");
 	EXPECT_NE(KernelFiles(), before);
@@ -47,7 +54,7 @@ TEST_F(UndoTest, RestoresSchedulersWithTheirTunablesAndRatios)
 TEST_F(UndoTest, RestoresWhatASchedulerAndATunableChangeAlong)
 {
 	kit::WriteFile("/sys/block/sda/queue/nr_requests", "64\n");
-	kit::WriteFile("/sys/block/sdd/queue/iosched/slice_idle", "0\n");
+	SetSliceIdle("sdd", "0");
 	kit::Install(kit::kLocalDir, "x",
 	             "[main]\nname = x\n[disk]\nssd_scheduler = kyber\n[raid_cfq_5]\nstrict_guarantees = 1\n");
 	const Files before = KernelFiles();
@@ -71,6 +78,27 @@ TEST_F(UndoTest, RestoresBytesThatARatioHasCleared)
 	EXPECT_EQ(kit::Sysctl("vm.dirty_ratio"), "30");
 	EXPECT_TRUE(RestoresAll(kept));
 	EXPECT_EQ(KernelFiles(), before);
+}
+
+TEST_F(UndoTest, ATunableInTwoUnitsIsOneValue)
+{
+	using State = VerifiedValue::State;
+	for (const char *before : {"0", "500", "8500"}) {
+		for (const char *keys :
+		     {"slice_idle = 2\nslice_idle_us = 700\n", "slice_idle_us = 700\nslice_idle = 2\n",
+		      "slice_idle = 3\n", "slice_idle_us = 4000\n", "slice_idle = 008\n"}) {
+			SCOPED_TRACE(std::string(before) + " us, " + keys);
+			SetSliceIdle("sdd", before);
+			kit::Install(kit::kLocalDir, "x", std::string("[main]\nname = x\n[raid_cfq_5]\n") + keys);
+			const Files found = KernelFiles();
+			const KeptValues kept = Apply("x");
+			const Plan plan = MakePlan("x");
+			for (const VerifiedValue &value : Verify(plan, &kept))
+				EXPECT_EQ(value.state, State::kHolds) << value.place.write->target;
+			EXPECT_TRUE(RestoresAll(kept));
+			EXPECT_EQ(KernelFiles(), found);
+		}
+	}
 }
 
 TEST_F(UndoTest, WritesNothingThatIsAsBefore)
@@ -172,13 +200,16 @@ TEST_F(UndoTest, VerificationTellsWhatWasChangedSinceFromWhatWasRefused)
 		EXPECT_EQ(TuneApplyProfile("performance_latency"), 0);
 		kit::WriteFile("/proc/sys/vm/swappiness", "60\n");
 	}
-	ReadBack(kept);
+	ReadBack(kept, true);
 	kit::WriteFile("/proc/sys/vm/vfs_cache_pressure", "99\n");
+	KeptValues endedEarly = kept;
+	endedEarly.applied = false;
 	using State = VerifiedValue::State;
 	const Plan plan = MakePlan("performance_latency");
 	for (const auto &[against, refused, changed] :
-	     {std::tuple(static_cast<const KeptValues *>(&kept), State::kRefused, State::kChanged),
-	      std::tuple(static_cast<const KeptValues *>(nullptr), State::kDiffers, State::kDiffers)}) {
+	     {std::tuple<const KeptValues *, State, State>(&kept, State::kRefused, State::kChanged),
+	      {&endedEarly, State::kDiffers, State::kChanged}, // what did not even then may not have been reached
+	      {nullptr, State::kDiffers, State::kDiffers}}) {
 		const std::vector<VerifiedValue> values = Verify(plan, against);
 		EXPECT_FALSE(Holds(values));
 		for (const VerifiedValue &value : values) {
@@ -196,16 +227,18 @@ TEST(KeptValuesFile, IsReadAsItWasWritten)
 	const KeptValues kept = {"a \"profile\"",
 	                         "before",
 	                         {{"vm.swappiness", "/proc/sys/vm/swappiness", "60", "10", std::nullopt},
-	                          {"/sys/x", "/sys/x", "1 2", std::nullopt, "3"}}};
+	                          {"/sys/x", "/sys/x", "1 2", std::nullopt, "3"}},
+	                         true};
 	EXPECT_EQ(KeptFromJson(ToJson(kept)), kept);
 }
 
 TEST(KeptValuesFile, ThatSaysAnythingElseIsRefused)
 {
-	const KeptValues kept = {"p", "before", {{"vm.swappiness", "/proc/sys/vm/swappiness", "60", "10", "10"}}};
+	const KeptValues kept = {
+		"p", "before", {{"vm.swappiness", "/proc/sys/vm/swappiness", "60", "10", "10"}}, false};
 	const Json::Value good = ToJson(kept);
 	ASSERT_TRUE(KeptFromJson(good));
-	for (const char *name : {"version", "profile", "selected_before", "values"}) {
+	for (const char *name : {"version", "profile", "selected_before", "applied", "values"}) {
 		Json::Value bad = good;
 		bad[name] = Json::Value(Json::objectValue);
 		EXPECT_EQ(KeptFromJson(bad), std::nullopt) << name;

@@ -173,9 +173,13 @@ TEST(DevicesTree, ShowsArrays)
 	const ArrayMember partition{"/dev/sda3", "/dev/sda", ""};
 	const ArrayMember whole{"/dev/sdb", "/dev/sdb", ""};
 	const ArrayMember unknown{"/dev/sdc3", "", "it is gone"};
+	Array degraded = MadeArray("raid10", RAID_LEVEL_10, 4,
+	                           {{"/dev/sda3", "/dev/sda", "", true}, {"/dev/sdb", "/dev/sdb", "", true}, unknown});
+	degraded.members[2].failed = true;
+	degraded.lacking = 3;
+	degraded.broken = true;
 	EXPECT_EQ(Tree({{},
-	                {MadeArray("raid5", RAID_LEVEL_5, 3, {partition, whole, unknown}),
-	                 MadeArray("raid10", RAID_LEVEL_10, 4, {partition, whole}),
+	                {MadeArray("raid5", RAID_LEVEL_5, 3, {partition, whole, unknown}), degraded,
 	                 MadeArray("raid1", RAID_LEVEL_1, 1, {whole}), MadeArray("", 0, 0, {whole}),
 	                 MadeArray("multipath", 0, 2, {partition, whole})},
 	                {}}),
@@ -186,9 +190,10 @@ TEST(DevicesTree, ShowsArrays)
 	          "│  ├─ /dev/sdb\n"
 	          "│  ├─ /dev/sdc3 on an unknown disk: it is gone\n"
 	          "│  └─ [raid_cfq_5] and [raid_cfq_default] change its disks' tunables\n"
-	          "├─ /dev/md0  raid10, 4 disks, of which only 2 there\n"
-	          "│  ├─ /dev/sda3 on /dev/sda\n"
-	          "│  ├─ /dev/sdb\n"
+	          "├─ /dev/md0  raid10, 4 disks, of which only 1 in use, broken\n"
+	          "│  ├─ /dev/sda3, failed, on /dev/sda\n"
+	          "│  ├─ /dev/sdb, failed\n"
+	          "│  ├─ /dev/sdc3, failed, on an unknown disk: it is gone\n"
 	          "│  └─ [raid_cfq_1] and [raid_cfq_default] change its disks' tunables\n"
 	          "├─ /dev/md0  raid1, 1 disk\n"
 	          "│  ├─ /dev/sdb\n"
@@ -351,13 +356,17 @@ TEST(DevicesJson, ShowsVolumes)
 
 TEST(DevicesJson, ShowsArrays)
 {
-	const Array active =
-		MadeArray("raid6", RAID_LEVEL_6, 4, {{"/dev/sda3", "/dev/sda", ""}, {"/dev/sdb3", "", "e"}});
+	Array active =
+		MadeArray("raid6", RAID_LEVEL_6, 4, {{"/dev/sda3", "/dev/sda", "", true}, {"/dev/sdb3", "", "e"}});
+	active.lacking = 3;
+	active.broken = true;
 	EXPECT_EQ(Text(DevicesJson({{}, {active, MadeArray("", 0, 0)}, {}})["arrays"]),
-	          R"([{"active":true,"device":"/dev/md0","disks":4,"level":"raid6",)"
-	          R"("members":[{"device":"/dev/sda3","disk":"/dev/sda","error":null},)"
-	          R"({"device":"/dev/sdb3","disk":null,"error":"e"}],"sections":["raid_cfq_5","raid_cfq_default"]},)"
-	          R"({"active":false,"device":"/dev/md0","disks":0,"level":null,"members":[],"sections":[]}])");
+	          R"([{"active":true,"broken":true,"device":"/dev/md0","disks":4,"lacking":3,"level":"raid6",)"
+	          R"("members":[{"device":"/dev/sda3","disk":"/dev/sda","error":null,"failed":true},)"
+	          R"({"device":"/dev/sdb3","disk":null,"error":"e","failed":false}],)"
+	          R"("sections":["raid_cfq_5","raid_cfq_default"]},)"
+	          R"({"active":false,"broken":false,"device":"/dev/md0","disks":0,"lacking":0,"level":null,)"
+	          R"("members":[],"sections":[]}])");
 }
 
 TEST(DevicesJson, ShowsDisks)

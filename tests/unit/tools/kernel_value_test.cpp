@@ -24,16 +24,32 @@ TEST(SysctlPath, TakesDotsOrSlashesAsTheSeparator)
 
 TEST(SameValue, IsOneThatTheKernelTakesForTheSame)
 {
-	EXPECT_TRUE(IsSameValue("4 4 1 7", " 4\t4\t1\t7\n"));
-	EXPECT_TRUE(IsSameValue("16", "0x10"));
-	EXPECT_TRUE(IsSameValue("8", "010"));
-	EXPECT_TRUE(IsSameValue("", " \n"));
-	EXPECT_TRUE(IsSameValue("mq-deadline", "mq-deadline"));
-	EXPECT_FALSE(IsSameValue("1", "1 1"));
-	EXPECT_FALSE(IsSameValue("10", "010"));
-	EXPECT_FALSE(IsSameValue("a", "b"));
-	EXPECT_FALSE(IsSameValue("0", ""));
-	EXPECT_FALSE(IsSameValue("99999999999999999999", "99999999999999999998"));
+	const auto isSame = [](std::string_view a, std::string_view b) {
+		return IsSameValue("/proc/sys/kernel/x", a, b);
+	};
+	EXPECT_TRUE(isSame("4 4 1 7", " 4\t4\t1\t7\n"));
+	EXPECT_TRUE(isSame("16", "0x10"));
+	EXPECT_TRUE(isSame("8", "010"));
+	EXPECT_TRUE(isSame("", " \n"));
+	EXPECT_TRUE(isSame("mq-deadline", "mq-deadline"));
+	EXPECT_FALSE(isSame("1", "1 1"));
+	EXPECT_FALSE(isSame("10", "010"));
+	EXPECT_FALSE(isSame("a", "b"));
+	EXPECT_FALSE(isSame("0", ""));
+	EXPECT_FALSE(isSame("99999999999999999999", "99999999999999999998"));
+}
+
+TEST(SameValue, GoesByHowTheTunablesSchedulerReadsNumbers)
+{
+	const std::string folder = "/sys/block/sda/queue/iosched/";
+	for (const char *decimal : {"slice_idle", "back_seek_max", "read_lat_nsec"}) {
+		EXPECT_TRUE(IsSameValue(folder + decimal, "10", "010")) << decimal;
+		EXPECT_FALSE(IsSameValue(folder + decimal, "8", "010")) << decimal;
+		EXPECT_FALSE(IsSameValue(folder + decimal, "16", "0x10")) << decimal;
+	}
+	EXPECT_FALSE(IsSameValue(folder + "fifo_batch", "10", "010"));
+	EXPECT_TRUE(IsSameValue(folder + "fifo_batch", "8", "010"));
+	EXPECT_TRUE(IsSameValue(folder + "fifo_batch", "16", "0x10"));
 }
 
 TEST(OtherOfPair, IsBytesForARatioAndARatioForBytes)
@@ -42,6 +58,15 @@ TEST(OtherOfPair, IsBytesForARatioAndARatioForBytes)
 	EXPECT_EQ(OtherOfPair("/proc/sys/vm/dirty_bytes"), "/proc/sys/vm/dirty_ratio");
 	EXPECT_EQ(OtherOfPair("/proc/sys/vm/dirty_background_ratio"), "/proc/sys/vm/dirty_background_bytes");
 	EXPECT_EQ(OtherOfPair("/proc/sys/vm/swappiness"), "");
+}
+
+TEST(OtherOfPair, IsMicrosecondsForMillisecondsAndMillisecondsForMicroseconds)
+{
+	const std::string folder = "/sys/block/sda/queue/iosched/";
+	EXPECT_EQ(OtherOfPair(folder + "slice_idle"), folder + "slice_idle_us");
+	EXPECT_EQ(OtherOfPair(folder + "slice_idle_us"), folder + "slice_idle");
+	EXPECT_EQ(OtherOfPair(folder + "back_seek_max"), "");
+	EXPECT_EQ(OtherOfPair("/sys/block/sda/queue/slice_idle"), "");
 }
 
 TEST(SchedulerPathOf, IsOfTunablesOnly)
