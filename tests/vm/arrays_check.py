@@ -9,9 +9,10 @@ import os
 import re
 import shutil
 import struct
+import subprocess
 import time
 
-from guest import LOCAL, SHIPPED, Guest, load, main, program, read, scsi_disks, until, write
+from guest import LOCAL, SHIPPED, TOOL, Guest, load, main, program, read, scsi_disks, until, write
 
 BLKRRPART = 0x125F
 LOOP_SET_FD = 0x4C00
@@ -23,6 +24,9 @@ REDUNDANT = ["--assume-clean", "--bitmap=none", "--size=65536"]
 NO_TUNABLE = "its disk's scheduler has no such tunable"
 # Of each scheduler one tunable that no other one has, with a value that is not its own.
 TUNABLES = {"bfq": ("back_seek_max", "1234"), "mq-deadline": ("fifo_batch", "7"), "kyber": ("read_lat_nsec", "12345678")}
+# Those of mq-deadline.
+TAKE_ANY_NOTATION = ["fifo_batch", "front_merges", "writes_starved", "async_depth", "read_expire", "write_expire",
+                     "prio_aging_expire"]
 KEYS = "".join(f"{key} = {value}\n" for key, value in TUNABLES.values())
 
 
@@ -413,6 +417,39 @@ class Levels(Machine):
             self.tool("undo")
             self.assertEqual(self.changes(before), {})
         self.lines()
+
+    def test_lint_knows_what_schedulers_refuse_and_correct(self):
+        times = ["read_expire", "write_expire", "prio_aging_expire", "fifo_expire_sync", "fifo_expire_async", "timeout_sync"]
+        values = ["-1", "0", "-0", "1", "2", "+1", "+-1", "08", "010", "0x10", "2147483647", "2147483648", "-2147483648",
+                  "-2147483649", "4294967295", "4294967296", "9223372036854775808", "18446744073709551615",
+                  "18446744073709551616", "4294", "4295", "4294967", "4294968", "many", "1.5"]
+        disks = [self.hdds[3], self.hdds[2], self.ssds[1]]
+        self.assertEqual([scheduler(disk) for disk in disks], ["bfq", "mq-deadline", "kyber"])
+        for value in values:
+            becomes = {}
+            for disk in disks:
+                for path in glob.glob(tunable(disk, "*")):
+                    before = read(path)
+                    try:
+                        write(path, value)
+                        becomes[os.path.basename(path)] = read(path)
+                    except OSError as failed:
+                        becomes[os.path.basename(path)] = failed.errno
+                    write(path, before)
+            self.assertEqual(len(becomes), 19)
+            self.profile("mine", "[raid_cfq_default]\n" + "".join(f"{key} = {value}\n" for key in becomes))
+            result = subprocess.run([TOOL, "lint", f"{LOCAL}/mine", "--json"], capture_output=True, text=True, check=False)
+            said = {list(becomes)[finding["line"] - 4]: finding for finding in json.loads(result.stdout)}
+            for key, taken in becomes.items():
+                with self.subTest(key=key, value=value, taken=taken, said=said.get(key)):
+                    if isinstance(taken, int):
+                        self.assertEqual(said[key]["severity"], "error")
+                        continue
+                    if key in said:
+                        self.assertEqual(said[key]["severity"], "warning")
+                    number = int(value) if key not in TAKE_ANY_NOTATION else int(value, 8 if value == "010" else 0)
+                    if key not in times:  # which are rounded up to ticks
+                        self.assertEqual(key in said, int(taken) != number)
 
     def test_disk_section_changes_ssds_and_undo_their_tunables(self):
         bfq, deadline, none, kyber = self.ssds

@@ -1,6 +1,7 @@
 #include "lint.h"
 
 #include "catalogue_check.h"
+#include "lint_tunables.h"
 #include "lint_values.h"
 #include "numbers.h"
 #include "scheduler_tunables.h"
@@ -178,9 +179,12 @@ private:
 		if (pair.value.empty())
 			Error(pair.line,
 			      Quoted(pair.key) + " is empty, and ends the application on a machine with such an array");
-		else if (!IsInteger(pair.value))
-			Error(pair.line, "the kernel refuses " + Quoted(pair.value) + " for " + Quoted(pair.key) +
-			                         ": it is no number");
+		else if (const std::string why = WhyTunableRefused(pair.key, pair.value); !why.empty())
+			Error(pair.line,
+			      "the kernel refuses " + Quoted(pair.value) + " for " + Quoted(pair.key) + ": " + why);
+		else if (const std::string change = WhyTunableChanged(pair.key, pair.value); !change.empty())
+			Warn(pair.line, "the kernel takes another value than " + Quoted(pair.value) + " for " +
+			                        Quoted(pair.key) + ": " + change);
 	}
 
 	const ProfileText &text;

@@ -125,6 +125,10 @@ TEST(Lint, FindsValuesThatWouldBeRefused)
 	          Lines{"4 error: \"fifo_batch\" is empty, and ends the application on a machine with such an array"});
 	EXPECT_EQ(LintLine("raid_cfq_5", "fifo_batch = many"),
 	          Lines{"4 error: the kernel refuses \"many\" for \"fifo_batch\": it is no number"});
+	EXPECT_EQ(LintLine("raid_cfq_1", "slice_idle = -1"),
+	          Lines{"4 error: the kernel refuses \"-1\" for \"slice_idle\": the least is 0"});
+	EXPECT_EQ(LintLine("raid_cfq_default", "low_latency = 2"),
+	          Lines{"4 warning: the kernel takes another value than \"2\" for \"low_latency\": the most is 1"});
 	const std::string main = "[main]\nname = x\n";
 	EXPECT_EQ(LintText(main + "index = first\n").size(), 1U);
 	EXPECT_EQ(LintText(main + "ui = True\n").size(), 1U);
