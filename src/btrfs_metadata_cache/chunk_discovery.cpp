@@ -4,7 +4,6 @@
 #include "btrfs_metadata_cache/chunk_tree_search.h"
 #include "btrfs_metadata_cache/paths.h"
 #include "support/check.h"
-#include "support/error_kept.h"
 #include "support/handles.h"
 
 #include <zevostorage/file_system.h>
@@ -49,13 +48,9 @@ struct Volume {
 bool IsOnlyDevice(const Volume &volume, dev_t device)
 {
 	btrfs_ioctl_fs_info_args info = {};
-	if (ioctl(volume.fd, BTRFS_IOC_FS_INFO, &info) != 0 || info.num_devices != 1)
-		return false;
 	char uuid[ZEVO_UUID_SIZE];
-	const ErrorKept error; // the caller tells by it what is no Btrfs
-	const bool hasUuid = ZEVOFSGetBTRFSUuid(volume.szPath, uuid, sizeof(uuid)) == 0;
-	error.Restore();
-	if (!hasUuid)
+	if (ioctl(volume.fd, BTRFS_IOC_FS_INFO, &info) != 0 || info.num_devices != 1 ||
+	    ZEVOFSGetBTRFSUuid(volume.szPath, uuid, sizeof(uuid)) != 0)
 		return false;
 	char folder[PATH_MAX] = "";
 	const TextBuffer<64> number("/sys/dev/block/%u:%u", major(device), minor(device));

@@ -96,6 +96,7 @@ SYSTEM_CALL(int, fstat, (int fd, struct stat *status), (fd, status), -1, EIO, fa
 SYSTEM_CALL(int, fstatat, (int dir, const char *path, struct stat *status, int flags), (dir, path, status, flags), -1,
             EIO, false)
 SYSTEM_CALL(ssize_t, readlink, (const char *path, char *text, size_t size), (path, text, size), -1, EIO, false)
+SYSTEM_CALL(int, access, (const char *path, int mode), (path, mode), -1, EIO, false)
 SYSTEM_CALL(FILE *, fopen, (const char *path, const char *mode), (path, mode), nullptr, EMFILE, false)
 SYSTEM_CALL(DIR *, opendir, (const char *path), (path), nullptr, EMFILE, false)
 SYSTEM_CALL(dirent *, readdir, (DIR * dir), (dir), nullptr, EIO, false)

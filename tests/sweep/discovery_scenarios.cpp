@@ -6,6 +6,7 @@
 
 #include "kit/fake_btrfs.h"
 #include "kit/files.h"
+#include "kit/system_calls.h"
 
 #include <zevotuned/metadata_cache.h>
 
@@ -26,13 +27,19 @@ constexpr const char *kDevice = "/run/volume-device"; // which is looked at, not
 constexpr const char *kName = "/run/volume-name";     // another name of the device
 constexpr const char *kImage = "/run/volume-image";   // what has a size
 
+// What sysfs has of the device. Any folder will do for it.
+constexpr const char *kNumber = "/sys/dev/block/259:200";
+constexpr const char *kMembers = "/sys/fs/btrfs/00000000-0000-0000-0000-000000000000/devices";
+
 std::unique_ptr<kit::FakeBtrfs> btrfs;
 
 void Finish()
 {
 	btrfs.reset();
-	for (const char *path : {kVolume, kName, kDevice, kImage})
+	kit::btrfsFolders.clear();
+	for (const char *path : {kVolume, kName, kDevice, kImage, kNumber})
 		fs::remove(path);
+	fs::remove_all(fs::path(kMembers).parent_path());
 }
 
 void Prepare()
@@ -55,6 +62,17 @@ void PrepareAppliance()
 {
 	Prepare();
 	btrfs->hasLookup = true;
+}
+
+// As Btrfs was told another name, and sysfs has the device below the kernel's own.
+void PrepareRenamed()
+{
+	Prepare();
+	btrfs->devices = {{1, "/run/volume-old-name"}};
+	kit::btrfsFolders = {{kVolume, "00000000-0000-0000-0000-000000000000"}};
+	fs::create_directories(kMembers);
+	fs::create_directory_symlink("../../bus", kNumber);
+	fs::create_directory_symlink("/sys/bus", std::string(kMembers) + "/bus");
 }
 
 void PrepareOldKernel()
@@ -110,6 +128,7 @@ std::vector<Scenario> DiscoveryScenarios()
 		Row("discovery_chunks", Prepare, CountChunks, 2),
 		Row("discovery_chunks_of_appliance", PrepareAppliance, CountChunks, 2),
 		Row("discovery_chunks_of_old_kernel", PrepareOldKernel, CountChunks, 2),
+		Row("discovery_chunks_of_renamed_device", PrepareRenamed, CountChunks, 2),
 		Row("discovery_superblocks", Prepare, CountSuperblocks, 3),
 		Row("discovery_total_size", Prepare, TotalSize, 0),
 	};
