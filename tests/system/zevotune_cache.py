@@ -21,6 +21,7 @@ import termios
 import time
 
 sys.dont_write_bytecode = True  # this folder need not be writable
+from waiting import until  # pylint: disable=wrong-import-position
 from zevotune_machine import (  # pylint: disable=wrong-import-position
     CONFIG, Volumes, main, program, read, tree, write)
 
@@ -34,16 +35,6 @@ SEE_LOG = " (the whole chain is in the system's log: journalctl -t zevotune)"
 ACTIONS = {"on": "pin the metadata of", "off": "unpin the metadata of", "rescan": "bring up to date what is pinned of",
            "status": "show the metadata cache of", "stop": "stop the pass over", "check": "check the metadata cache of"}
 PATIENCE = 60
-
-
-def until(is_so, what):
-    """Waits; for something that comes soon unless it is broken."""
-    deadline = time.monotonic() + PATIENCE
-    while not (value := is_so()):
-        if time.monotonic() > deadline:
-            raise AssertionError(f"{what() if callable(what) else what}: in vain")
-        time.sleep(0.02)
-    return value
 
 
 class Gate:

@@ -1208,6 +1208,23 @@ profile "x", {path}
 """, "plan", "x")
 
 
+    def test_value_that_is_refused_ends_the_application(self):
+        refuses = f"{self.hardware.sys}/block/sdb/queue/iosched/read_expire"
+        os.remove(refuses)
+        os.symlink("/dev/full", refuses)
+        write(LOCAL + "/x", "[main]\nname = x\n[raid_cfq_1]\nread_expire = 7\n[sysctl]\nvm.swappiness = 5\n")
+        self.assertEqual(self.run_tool("set", "x"), (
+            1, "", f"zevotune: cannot set \"x\": the kernel has refused a value; it is selected, but {IN_PART}{SEE_LOG}\n"))
+        self.assertEqual(parameter("swappiness"), "60")
+        # What came behind was not even asked for.
+        self.assertEqual({value["target"]: value["state"] for value in json.loads(self.run_tool("verify", "--json")[1])["values"]},
+                         {"/sys/block/sda/queue/iosched/read_expire": "holds",
+                          "/sys/block/sdb/queue/iosched/read_expire": "unread", "vm.swappiness": "differs"})
+        self.assertFalse(kept()["applied"])
+        self.succeeds("undo")
+        self.assertEqual(read(f"{self.hardware.sys}/block/sda/queue/iosched/read_expire"), b"1\n")
+
+
 class Terminal(Operator):
     """How output looks on terminals, and everywhere else."""
 

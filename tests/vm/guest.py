@@ -21,6 +21,7 @@ MIB = 1 << 20
 GIB = 1 << 30
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.append(HERE + "/../system")  # what checks share with the tests of the command line
+from waiting import until  # pylint: disable=wrong-import-position,unused-import
 TOOL = os.environ.get("ZEVOTUNE", "")
 SHIPPED = "/usr/zevo/share/zevotuned"
 LOCAL = "/usr/local/share/zevotuned/profiles"
@@ -49,15 +50,6 @@ def program(*words, wanted=0, text=None):
     if result.returncode != wanted:
         raise RuntimeError(f"{words} ended with status {result.returncode}: {result.stdout}{result.stderr}")
     return result.stdout.strip()
-
-
-def until(is_so, what):
-    deadline = time.monotonic() + PATIENCE
-    while not (value := is_so()):
-        if time.monotonic() > deadline:
-            raise AssertionError(f"{what() if callable(what) else what}: in vain")
-        time.sleep(0.02)
-    return value
 
 
 def load(*modules):

@@ -259,6 +259,21 @@ TEST_F(PlanTest, EndsWhereTheApplicationWould)
 	EXPECT_EQ(plan.sections.back().section, "volume");
 }
 
+TEST_F(PlanTest, EndsAtASectionForArraysOnAModelThatIsToHaveThemAndHasNone)
+{
+	for (const char *name : {"md0", "md1"})
+		box.machine.Remove(name);
+	const std::string sections = "[raid_cfq_1]\nslice_idle = 0\n[sysctl]\nvm.swappiness = 1\n";
+	EXPECT_EQ(PlanOf(sections).failure, "");
+	kit::WriteFile("/usr/zevo/etc/model.conf", "support_raid = yes\n");
+	const Plan plan = PlanOf(sections);
+	EXPECT_EQ(
+		plan.failure,
+		"there is no RAID array, although /usr/zevo/etc/model.conf says \"support_raid = yes\"; assemble one, "
+		"or correct that file");
+	EXPECT_EQ(plan.sections.back().section, "raid_cfq_1");
+}
+
 TEST_F(PlanTest, ShowsInheritedAndGlobalProfilesWhereTheyAreApplied)
 {
 	kit::Install(kit::kLocalGlobalDir, "g", "[main]\nname = g\n[sysctl]\nvm.swappiness = 1\n");
