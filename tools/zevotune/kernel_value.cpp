@@ -52,10 +52,9 @@ std::string NameIn(const std::string &path)
 	return path.substr(path.rfind('/') + 1);
 }
 
-// Parameters take octal and hexadecimal numbers, and so do the tunables of one scheduler; those of others are decimal.
 int NumberBase(const std::string &path)
 {
-	return SchedulerPathOf(path).empty() || TunablesOf("mq-deadline").contains(NameIn(path)) ? 0 : 10;
+	return SchedulerPathOf(path).empty() || TakesAnyNotation(NameIn(path)) ? 0 : 10;
 }
 
 bool IsSameWord(const std::string &a, const std::string &b, int base)

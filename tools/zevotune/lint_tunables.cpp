@@ -1,6 +1,7 @@
 #include "lint_tunables.h"
 
 #include "numbers.h"
+#include "scheduler_tunables.h"
 
 #include <algorithm>
 #include <cctype>
@@ -10,41 +11,36 @@
 
 namespace {
 
-enum class Notation {
-	kAny,    // of an int
-	kDecimal // without a sign, of 64 bits
-};
-
 struct Range {
 	const char *name;
-	Notation notation;
 	long long min;
 	long long max;
 };
 
+// Those in any notation are read as an int, decimal ones as 64 bits without a sign, before their range counts.
 constexpr Range kRanges[] = {
 	// mq-deadline
-	{"async_depth", Notation::kAny, 1, INT_MAX},
-	{"fifo_batch", Notation::kAny, 0, INT_MAX},
-	{"front_merges", Notation::kAny, 0, 1},
-	{"prio_aging_expire", Notation::kAny, 0, INT_MAX},
-	{"read_expire", Notation::kAny, 0, INT_MAX},
-	{"write_expire", Notation::kAny, 0, INT_MAX},
-	{"writes_starved", Notation::kAny, INT_MIN, INT_MAX},
+	{"async_depth", 1, INT_MAX},
+	{"fifo_batch", 0, INT_MAX},
+	{"front_merges", 0, 1},
+	{"prio_aging_expire", 0, INT_MAX},
+	{"read_expire", 0, INT_MAX},
+	{"write_expire", 0, INT_MAX},
+	{"writes_starved", INT_MIN, INT_MAX},
 	// kyber
-	{"read_lat_nsec", Notation::kDecimal, 0, LLONG_MAX},
-	{"write_lat_nsec", Notation::kDecimal, 0, LLONG_MAX},
+	{"read_lat_nsec", 0, LLONG_MAX},
+	{"write_lat_nsec", 0, LLONG_MAX},
 	// bfq
-	{"back_seek_max", Notation::kDecimal, 0, INT_MAX},
-	{"back_seek_penalty", Notation::kDecimal, 1, INT_MAX},
-	{"fifo_expire_async", Notation::kDecimal, 1, INT_MAX},
-	{"fifo_expire_sync", Notation::kDecimal, 1, INT_MAX},
-	{"low_latency", Notation::kDecimal, 0, 1},
-	{"max_budget", Notation::kDecimal, 0, INT_MAX},
-	{"slice_idle", Notation::kDecimal, 0, 4294},       // counted in nanoseconds, of 32 bits
-	{"slice_idle_us", Notation::kDecimal, 0, 4294967}, // the same
-	{"strict_guarantees", Notation::kDecimal, 0, 1},
-	{"timeout_sync", Notation::kDecimal, 1, INT_MAX},
+	{"back_seek_max", 0, INT_MAX},
+	{"back_seek_penalty", 1, INT_MAX},
+	{"fifo_expire_async", 1, INT_MAX},
+	{"fifo_expire_sync", 1, INT_MAX},
+	{"low_latency", 0, 1},
+	{"max_budget", 0, INT_MAX},
+	{"slice_idle", 0, 4294},       // counted in nanoseconds, of 32 bits
+	{"slice_idle_us", 0, 4294967}, // the same
+	{"strict_guarantees", 0, 1},
+	{"timeout_sync", 1, INT_MAX},
 };
 
 const Range *FindRange(const std::string &name)
@@ -63,10 +59,9 @@ std::string WithoutPlus(const std::string &value)
 }
 
 // "08" is no octal number, but a decimal one.
-bool IsNumber(const Range *range, const std::string &value)
+bool IsNumber(const std::string &name, const std::string &value)
 {
-	const bool decimal = range != nullptr && range->notation == Notation::kDecimal;
-	return IsInteger(value) || (decimal && IsWholeNumber(value));
+	return IsInteger(value) || (!TakesAnyNotation(name) && IsWholeNumber(value));
 }
 
 std::string BeyondWhich(long long number, long long min, long long max)
@@ -80,13 +75,12 @@ std::string BeyondWhich(long long number, long long min, long long max)
 
 std::string WhyTunableRefused(const std::string &name, const std::string &text)
 {
-	const Range *const range = FindRange(name);
 	const std::string value = WithoutPlus(text);
-	if (!IsNumber(range, value))
+	if (!IsNumber(name, value))
 		return "it is no number";
-	if (range == nullptr)
+	if (FindRange(name) == nullptr)
 		return "";
-	if (range->notation == Notation::kAny)
+	if (TakesAnyNotation(name))
 		return BeyondWhich(IntegerOf(value), INT_MIN, INT_MAX);
 	if (IsWholeNumber(value))
 		return "";
@@ -98,6 +92,6 @@ std::string WhyTunableChanged(const std::string &name, const std::string &value)
 	const Range *const range = FindRange(name);
 	if (range == nullptr)
 		return "";
-	const int base = range->notation == Notation::kDecimal ? 10 : 0;
+	const int base = TakesAnyNotation(name) ? 0 : 10;
 	return BeyondWhich(strtoll(value.c_str(), nullptr, base), range->min, range->max);
 }

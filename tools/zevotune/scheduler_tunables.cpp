@@ -52,3 +52,8 @@ Names KnownTunables()
 		all.insert(tunables.begin(), tunables.end());
 	return all;
 }
+
+bool TakesAnyNotation(const std::string &tunable)
+{
+	return TunablesOf("mq-deadline").contains(tunable);
+}

@@ -14,4 +14,7 @@ std::set<std::string> TunablesOf(const std::string &scheduler);
 /// Those of all schedulers.
 std::set<std::string> KnownTunables();
 
+/// Whether a tunable takes numbers in octal and hexadecimal, too, as parameters do; those of most schedulers are decimal.
+bool TakesAnyNotation(const std::string &tunable);
+
 #endif
