@@ -9,16 +9,13 @@ import glob
 import json
 import os
 import shutil
-import struct
 import sys
 import tempfile
-import termios
 
 sys.dont_write_bytecode = True  # this folder need not be writable
 from zevotune_machine import (  # pylint: disable=wrong-import-position
     CONFIG, CONFIG_DIR, DEFAULTS, LATENCY, LOCAL, LOCAL_GLOBAL, LOCK, LOCK_DIR, PARAMETERS, SHIPPED, SHIPPED_GLOBAL,
-    THROUGHPUT, Machine, Volumes, main, parameter, profile, program, read, text_of_terminal, tree,
-    write)
+    THROUGHPUT, Machine, Volumes, main, parameter, profile, program, read, tree, write)
 
 KNOWN_KEYS = ("profile, lock, btrfs_metadata_cache_on, btrfs_metadata_cache_space_usage_limit, "
               "btrfs_metadata_cache_read_throttle_wait_mult")
@@ -1107,11 +1104,9 @@ class Metadata(Volumes):
         path, _ = self.volume(256 * self.MIB)
         for columns, cells in [(132, 112), (40, 16), (10, 8), (0, 64)]:  # 0: a terminal that does not tell
             with self.subTest(columns=columns):
-                master, slave = os.openpty()
-                fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
-                self.assertEqual(self.run_tool("metadata", path, stdout=slave), (0, None, ""))
-                os.close(slave)
-                rows = [line for line in text_of_terminal(master).splitlines() if line.endswith("|")]
+                status, text, err = self.run_on_terminal(columns, "metadata", path)
+                self.assertEqual((status, err), (0, ""))
+                rows = [line for line in text.splitlines() if line.endswith("|")]
                 self.assertEqual(len(rows[0]), 9 + 2 + cells)
 
     def test_sums_up_many_chunks_unless_the_list_is_asked_for(self):

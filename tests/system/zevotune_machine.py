@@ -3,15 +3,18 @@
 The environment variable ZEVOTUNE holds the tool's path. Runs as root inside of tests/lab/enter only.
 """
 
-import errno
+import concurrent.futures
+import fcntl
 import json
 import os
 import re
 import shutil
 import stat
+import struct
 import subprocess
 import sys
 import tempfile
+import termios
 import time
 import unittest
 
@@ -64,19 +67,6 @@ def runs(command):
         except OSError:
             pass  # it has ended
     return False
-
-
-def text_of_terminal(master):
-    """What has come to a terminal whose other side nobody has open any more. Closes it."""
-    text = b""
-    try:
-        while part := os.read(master, 4096):
-            text += part
-    except OSError as reason:
-        if reason.errno != errno.EIO:
-            raise
-    os.close(master)
-    return text.decode().replace("\r\n", "\n")
 
 
 def parameter(name):
@@ -150,6 +140,21 @@ class Machine(unittest.TestCase):
         result = subprocess.run(self.command(list(arguments), user), stdin=subprocess.DEVNULL, **options)
         return result.returncode, *(None if text is None else text.decode("utf-8", "surrogateescape")
                                     for text in (result.stdout, result.stderr))
+
+    def run_on_terminal(self, columns, *arguments, **options):
+        """Like run_tool. The terminal stays open until it was read to a mark behind the tool's text: what is written
+        just before the last side is closed can get lost in the kernel."""
+        master, slave = os.openpty()
+        fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
+        with (open(master, "rb") as shown, open(slave, "wb", buffering=0) as terminal,
+              concurrent.futures.ThreadPoolExecutor() as readers):
+            reader = readers.submit(lambda: b"".join(iter(lambda: shown.read(1), b"\0")))
+            try:
+                status, _, err = self.run_tool(*arguments, stdout=terminal, **options)
+            finally:
+                terminal.write(b"\0")
+            text = reader.result(timeout=60)
+        return status, text.decode().replace("\r\n", "\n"), err
 
     def succeeds(self, *arguments, user="root", err=""):
         """Returns what is printed."""

@@ -13,19 +13,16 @@ import re
 import shutil
 import signal
 import stat
-import struct
 import subprocess
 import sys
 import tempfile
-import termios
 import time
 
 sys.dont_write_bytecode = True  # this folder need not be writable
 from zevotune_cli import IN_PART, SEE_LOG, Hardware  # pylint: disable=wrong-import-position
 from zevotune_machine import (  # pylint: disable=wrong-import-position
     CONFIG, LATENCY, LOCAL, LOCAL_GLOBAL, PARAMETERS, SHIPPED, SHIPPED_GLOBAL, THROUGHPUT, Machine, Volumes, main,
-    parameter, profile, program, read, runs, text_of_terminal, tree,
-    write)
+    parameter, profile, program, read, runs, tree, write)
 
 STATE_DIR = "/run/zevotuned"
 STATE = STATE_DIR + "/undo.json"
@@ -1243,13 +1240,8 @@ class Terminal(Operator):
         return {key: value for key, value in os.environ.items() if key not in ["NO_COLOR", "TERM", "LC_ALL"]} | more
 
     def on_terminal(self, columns, *arguments, **environment):
-        master, slave = os.openpty()
-        fcntl.ioctl(slave, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
-        tool = subprocess.Popen(self.command(list(arguments), "root"), stdin=subprocess.DEVNULL, stdout=slave,
-                                stderr=subprocess.PIPE, env=self.environment(**environment))
-        os.close(slave)
-        text = text_of_terminal(master)
-        tool.communicate(timeout=60)
+        status, text, err = self.run_on_terminal(columns, *arguments, env=self.environment(**environment))
+        self.assertEqual((status, err), (1 if arguments[0] in ["verify", "lint"] else 0, ""))
         return text
 
     def plain(self, *arguments, **environment):
